@@ -1,0 +1,27 @@
+# GoogleTest: the system's libraries for native builds; for -m32 builds, a
+# copy compiled from the sources that Debian's googletest package ships,
+# since the system libraries are 64-bit only.
+if(KRONLOG_M32)
+  set(KRONLOG_GTEST_SOURCE_DIR /usr/src/googletest CACHE PATH "GoogleTest sources")
+  if(NOT EXISTS ${KRONLOG_GTEST_SOURCE_DIR}/CMakeLists.txt)
+    message(FATAL_ERROR "-m32 tests need GoogleTest's sources: apt-get install googletest")
+  endif()
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
+  add_subdirectory(${KRONLOG_GTEST_SOURCE_DIR} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+  add_library(kronlog_gtest INTERFACE)
+  target_link_libraries(kronlog_gtest INTERFACE gtest_main)
+else()
+  find_package(GTest REQUIRED)
+  add_library(kronlog_gtest INTERFACE)
+  target_link_libraries(kronlog_gtest INTERFACE GTest::gtest_main)
+endif()
+include(GoogleTest)
+
+# kronlog_add_test(<name> SOURCES <files...> LIBS <targets...>)
+function(kronlog_add_test name)
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} kronlog_gtest)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60)
+endfunction()

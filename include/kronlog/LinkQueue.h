@@ -1,0 +1,351 @@
+// The indexed link queue behind every log attribute.
+//
+// A singly linked list of reference-counted members kept in ascending order
+// of a 32-bit unsigned index that wraps around past 4294967295. Appending
+// takes the "next index"; members can also be placed, replaced or removed by
+// explicit index, and iterators survive changes to the queue (they re-find
+// their place by index when the queue's version moved on).
+//
+// The queue holds its members through `head` and the members' `next` links;
+// `tail` is a plain pointer into that chain.
+#ifndef KRONLOG_LINKQUEUE_H
+#define KRONLOG_LINKQUEUE_H
+
+#include <cstdint>
+#include <utility>
+
+#include "kronlog/Export.h"
+#include "qel/Ptr.h"
+
+namespace Qel {
+
+// Raises RangeException "linkqueue index space full".
+[[noreturn]] KRONLOG_EXPORT void throwLinkQueueIndexSpaceFull();
+
+template <class Member, class Index, class Entry>
+class LinkQueue;
+
+// Base of a queue member type `Self` holding a `Value`. Layout: the counted
+// base, the index (which fills the base's padding on 64-bit), the value,
+// the next link.
+template <class Self, class Value>
+class LinkQueueMember : public PtrInterface {
+ public:
+  LinkQueueMember(unsigned int index, Value value) : index_(index), value_(std::move(value)) {}
+
+  unsigned int index() const noexcept { return index_; }
+  // Only stores the index; the queue does not re-sort.
+  void qel_indexIs(unsigned int index) noexcept { index_ = index; }
+  const Value& value() const noexcept { return value_; }
+  Value& valueRef() noexcept { return value_; }
+  Self* next() const noexcept { return next_.ptr(); }
+
+ private:
+  template <class M, class I, class E>
+  friend class LinkQueue;
+  unsigned int index_;
+  Value value_;
+  Ptr<Self> next_;
+};
+
+template <class Member, class Index, class Entry>
+class LinkQueue {
+  static_assert(sizeof(Index) == 4, "link queue indexes are 32-bit and wrap modulo 2^32");
+
+ public:
+  LinkQueue() = default;
+  LinkQueue(const LinkQueue&) = delete;
+  LinkQueue& operator=(const LinkQueue&) = delete;
+  ~LinkQueue() { releaseAll(); }
+
+  Index headIndex() const noexcept { return headIndex_; }
+  // The stored next index (see effectiveNextIndex for the one appends use).
+  Index nextIndex() const noexcept { return nextIndex_; }
+  std::uint32_t version() const noexcept { return version_; }
+  std::uint32_t members() const noexcept { return count_; }
+  Member* head() const noexcept { return head_.ptr(); }
+  Member* tail() const noexcept { return tail_; }
+
+  // Overwrites both counters; members are not touched.
+  void indicesIs(Index head, Index next) noexcept {
+    headIndex_ = head;
+    nextIndex_ = next;
+  }
+
+  // Invariant kept for appends: the next index is above the tail's index.
+  Index effectiveNextIndex() noexcept {
+    if (tail_ && tail_->index_ >= nextIndex_) nextIndex_ = tail_->index_ + 1;
+    return nextIndex_;
+  }
+
+  // Exact lookup: the two ends first, then a walk from the head.
+  Member* find(const Index& index) const noexcept {
+    if (!head_) return nullptr;
+    if (head_->index_ == index) return head_.ptr();
+    if (tail_->index_ == index) return tail_;
+    for (Member* m = head_->next_.ptr(); m; m = m->next_.ptr()) {
+      if (m->index_ == index) return m;
+    }
+    return nullptr;
+  }
+
+  // Places, replaces or (with a null member) deletes by index.
+  void doMemberIs(const Index& index, Member* m, bool hint) {
+    const Index next = effectiveNextIndex();
+    if (index == next) {
+      if (!m) return;
+      if (head_) {
+        if (static_cast<Index>(next + 1) == headIndex_) throwLinkQueueIndexSpaceFull();
+        tail_->next_ = m;
+      } else {
+        if (headIndex_ == static_cast<Index>(next + 1)) throwLinkQueueIndexSpaceFull();
+        head_ = m;
+        headIndex_ = next;
+      }
+      m->next_ = nullptr;
+      m->index_ = next;
+      tail_ = m;
+      nextIndex_ = next + 1;
+      ++version_;
+      ++count_;
+      return;
+    }
+    if (!m) {
+      _memberDel(index);
+      return;
+    }
+    if (m->next_ || tail_ == m) {
+      if (m->index_ == index) return;
+      Ptr<Member> keep(m);  // the queue may hold the only reference
+      _memberDel(m->index_);
+      doMemberIs(index, m, false);
+      return;
+    }
+    if (hint && placeByHint(index, m, next)) return;
+
+    Member* pred = nullptr;
+    Member* at = head_.ptr();
+    if (index > headIndex_) {
+      while (at && at->index_ < index) {
+        pred = at;
+        at = at->next_.ptr();
+      }
+    }
+    if (at && at->index_ == index) {
+      Ptr<Member> replaced(at);
+      m->next_ = std::move(at->next_);
+      at->next_ = nullptr;
+      if (tail_ == at) tail_ = nullptr;  // set again below, m having no next
+    } else {
+      m->next_ = at;
+      ++count_;
+    }
+    m->index_ = index;
+    if (!pred) {
+      head_ = m;
+      headIndex_ = index;
+    } else {
+      pred->next_ = m;
+    }
+    if (!m->next_) {
+      tail_ = m;
+      if (index >= nextIndex_) nextIndex_ = index + 1;
+    }
+    ++version_;
+  }
+
+  // Unlinks the member with `index`; returns it, or null when absent.
+  Ptr<Member> _memberDel(const Index& index) {
+    if (index == headIndex_) return unlinkHead();
+    Member* pred = nullptr;
+    Member* at = head_.ptr();
+    while (at && at->index_ != index) {
+      pred = at;
+      at = at->next_.ptr();
+    }
+    if (!at) return nullptr;
+    Ptr<Member> removed(at);
+    if (at == tail_ && pred) {
+      pred->next_ = nullptr;
+      tail_ = pred;
+      // Lowering the next index lets the following append reuse the index.
+      nextIndex_ = pred->index_ + 1;
+    } else if (pred) {
+      pred->next_ = std::move(at->next_);
+    } else {
+      head_ = std::move(at->next_);
+      if (head_) {
+        headIndex_ = head_->index_;
+      } else {
+        tail_ = nullptr;
+        headIndex_ = effectiveNextIndex();
+      }
+    }
+    return unlinked(std::move(removed));
+  }
+
+  // Unlinks the head (whatever the stored head index says); null when empty.
+  Ptr<Member> deq() { return unlinkHead(); }
+
+  // The first member at or after `index` in circular order, or null.
+  Member* startAt(const Index& index) const noexcept {
+    if (!head_) return nullptr;
+    if (head_->index_ == index) return head_.ptr();
+    if (tail_->index_ == index) return tail_;
+    if (headIndex_ <= tail_->index_) {
+      if (tail_->index_ < index) return nullptr;
+      for (Member* m = head_.ptr(); m; m = m->next_.ptr()) {
+        if (m->index_ >= index) return m;
+      }
+      return nullptr;
+    }
+    // The indexes wrapped inside the queue: a high run, then a low run.
+    if (index < headIndex_) {
+      if (tail_->index_ < index) return nullptr;  // in the gap between tail and head
+      Member* prev = nullptr;
+      Member* m = head_.ptr();
+      while (m && !(prev && m->index_ < prev->index_)) {
+        prev = m;
+        m = m->next_.ptr();
+      }
+      for (; m; m = m->next_.ptr()) {
+        if (m->index_ >= index) return m;
+      }
+      return nullptr;
+    }
+    Member* prev = nullptr;
+    for (Member* m = head_.ptr(); m; prev = m, m = m->next_.ptr()) {
+      if (prev && m->index_ < prev->index_) return m;  // first member after the wrap
+      if (m->index_ >= index) return m;
+    }
+    return nullptr;
+  }
+
+  class IteratorConstBase {
+   public:
+    IteratorConstBase() = default;
+    explicit IteratorConstBase(const LinkQueue& q) : q_(&q), current_(q.head_), version_(q.version_) {}
+    IteratorConstBase(const LinkQueue& q, Member* m) : q_(&q), current_(m), version_(q.version_) {}
+
+    explicit operator bool() const noexcept { return static_cast<bool>(current_); }
+    Index index() const noexcept { return current_->index_; }
+    bool hasBookmark() const noexcept { return current_ && current_->index_ != 0; }
+
+    void advance() {
+      if (!current_) return;
+      if (q_->version_ == version_) {
+        current_ = current_->next_;
+      } else {
+        // The queue changed: find our place again by index. A member with a
+        // higher index than ours means ours was removed; it is the next one.
+        Member* at = q_->startAt(current_->index_);
+        if (!at) {
+          current_ = nullptr;
+        } else if (at->index_ == current_->index_) {
+          current_ = at->next_;
+        } else {
+          current_ = at;
+        }
+      }
+      version_ = q_->version_;
+    }
+
+   protected:
+    const LinkQueue* q_ = nullptr;
+    Ptr<Member> current_;  // keeps a removed member alive until we step on
+    std::uint32_t version_ = 0;
+  };
+
+  class IteratorConst : public IteratorConstBase {
+   public:
+    using IteratorConstBase::IteratorConstBase;
+    const Member* member() const noexcept { return this->current_.ptr(); }
+    const Member* operator->() const noexcept { return this->current_.ptr(); }
+    IteratorConst& operator++() {
+      this->advance();
+      return *this;
+    }
+  };
+
+  class Iterator : public IteratorConstBase {
+   public:
+    using IteratorConstBase::IteratorConstBase;
+    Member* member() const noexcept { return this->current_.ptr(); }
+    Member* operator->() const noexcept { return this->current_.ptr(); }
+    Iterator& operator++() {
+      this->advance();
+      return *this;
+    }
+  };
+
+  IteratorConst iteratorConst() const { return IteratorConst(*this); }
+  Iterator iterator() { return Iterator(*this); }
+
+ private:
+  // The three shortcuts for callers that know where `m` goes. They change
+  // neither the version nor the member count; false means "walk instead".
+  bool placeByHint(const Index& index, Member* m, Index next) {
+    if (!head_) {
+      m->next_ = nullptr;
+      head_ = m;
+      tail_ = m;
+      headIndex_ = index;
+      nextIndex_ = index + 1;
+    } else if (index < headIndex_) {
+      m->next_ = std::move(head_);
+      head_ = m;
+      headIndex_ = index;
+    } else if (index > next) {
+      m->next_ = nullptr;
+      tail_->next_ = m;
+      tail_ = m;
+      nextIndex_ = index + 1;
+    } else {
+      return false;
+    }
+    m->index_ = index;
+    return true;
+  }
+
+  Ptr<Member> unlinkHead() {
+    if (!head_) return nullptr;
+    Ptr<Member> removed = std::move(head_);
+    head_ = std::move(removed->next_);
+    if (removed.ptr() == tail_) {
+      tail_ = nullptr;
+      headIndex_ = nextIndex_;  // empty: the next index stays where it was
+    } else {
+      headIndex_ = head_->index_;
+      effectiveNextIndex();
+    }
+    return unlinked(std::move(removed));
+  }
+
+  Ptr<Member> unlinked(Ptr<Member> m) noexcept {
+    m->next_ = nullptr;
+    ++version_;
+    --count_;
+    return m;
+  }
+
+  // Releases the chain one member at a time: letting the head's destructor
+  // release its successor recursively would overflow the stack on long logs.
+  void releaseAll() noexcept {
+    while (head_) {
+      Ptr<Member> next = std::move(head_->next_);
+      head_ = std::move(next);
+    }
+    tail_ = nullptr;
+  }
+
+  Index headIndex_ = 0;
+  Index nextIndex_ = 0;
+  std::uint32_t version_ = 0;
+  std::uint32_t count_ = 0;
+  Ptr<Member> head_;
+  Member* tail_ = nullptr;
+};
+
+}  // namespace Qel
+
+#endif  // KRONLOG_LINKQUEUE_H

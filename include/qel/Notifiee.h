@@ -1,0 +1,84 @@
+// Change notifications.
+//
+// A notifier keeps a NotifieeList of the objects that asked to hear about its
+// changes; each notifiee registers itself with notifierIs(). Delivery walks
+// the list with doVisit, during which notifiees may register and unregister
+// freely (themselves or others): one that leaves is not called again, one
+// that joins is first called for the next notification.
+#ifndef QEL_NOTIFIEE_H
+#define QEL_NOTIFIEE_H
+
+#include <cstddef>
+#include <vector>
+
+#include "qel/Export.h"
+#include "qel/Ptr.h"
+
+namespace Qel {
+
+class QEL_EXPORT NotifieeBase {
+ public:
+  virtual ~NotifieeBase();
+};
+
+class QEL_EXPORT NotifieeListBase {
+ public:
+  NotifieeListBase() = default;
+  NotifieeListBase(const NotifieeListBase&) = delete;
+  NotifieeListBase& operator=(const NotifieeListBase&) = delete;
+  ~NotifieeListBase();
+
+  void notifieeIs(NotifieeBase* notifiee);
+  void notifieeDel(NotifieeBase* notifiee);
+  std::size_t notifiees() const noexcept { return size_ ; }
+
+  // Calls visit(notifiee, context) for each member present when the visit
+  // started and still present when its turn comes. Visits may nest (a
+  // notifiee may cause another notification); an exception from a notifiee
+  // propagates and leaves the list consistent.
+  void doVisit(void (*visit)(NotifieeBase*, void*), void* context);
+
+  template <class N, class F>
+  void visitAs(F&& f) {
+    if (size_ == 0) return;  // the common case costs one test
+    doVisit(
+        [](NotifieeBase* n, void* ctx) { (*static_cast<F*>(ctx))(static_cast<N*>(n)); },
+        &f);
+  }
+
+ private:
+  // Invariant: outside a visit, members_ holds no null slots and
+  // size_ == members_.size(); during one, removed members leave null slots
+  // that the outermost visit compacts when it ends.
+  std::vector<NotifieeBase*> members_;
+  std::size_t size_ = 0;
+  unsigned depth_ = 0;
+  bool holes_ = false;
+};
+
+// The notifiee side for a notifier type T, which must offer
+// `NotifieeListBase& notifieeListRef()`. Holds its notifier alive while
+// registered and unregisters itself when destroyed.
+template <class T>
+class Notifiee : public NotifieeBase {
+ public:
+  Notifiee() = default;
+  Notifiee(const Notifiee&) = delete;
+  Notifiee& operator=(const Notifiee&) = delete;
+  ~Notifiee() override { notifierIs(nullptr); }
+
+  const Ptr<T>& notifier() const noexcept { return notifier_; }
+  void notifierIs(const Ptr<T>& notifier) {
+    if (notifier_ == notifier) return;
+    if (notifier_) notifier_->notifieeListRef().notifieeDel(this);
+    notifier_ = notifier;
+    if (notifier_) notifier_->notifieeListRef().notifieeIs(this);
+  }
+
+ private:
+  Ptr<T> notifier_;
+};
+
+}  // namespace Qel
+
+#endif  // QEL_NOTIFIEE_H

@@ -1,0 +1,181 @@
+#include "qel/Trace.h"
+
+#include <time.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <new>
+#include <string>
+#include <vector>
+
+namespace Qel {
+
+namespace {
+
+struct Facility {
+  String name;
+  std::atomic<std::uint32_t> levels{0};
+};
+
+bool parseLevels(const std::string& text, std::uint32_t* mask) {
+  if (text.empty() || text == "*") {
+    *mask = ~0u;
+    return true;
+  }
+  unsigned lo = 0, hi = 0;
+  char extra = 0;
+  int n = std::sscanf(text.c_str(), "%u-%u%c", &lo, &hi, &extra);
+  if (n == 1 && text.find('-') == std::string::npos) hi = lo;
+  else if (n != 2) return false;
+  if (lo > hi || hi > TraceFacility::kMaxLevel) return false;
+  std::uint32_t m = 0;
+  for (unsigned l = lo; l <= hi; ++l) m |= 1u << l;
+  *mask = m;
+  return true;
+}
+
+// Parses "Name/levels,Name/levels" into (name, mask) pairs.
+bool parseConfig(const std::string& config, std::vector<std::pair<std::string, std::uint32_t>>* out) {
+  std::size_t pos = 0;
+  while (pos <= config.size()) {
+    std::size_t comma = config.find(',', pos);
+    std::string item = config.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
+    pos = comma == std::string::npos ? config.size() + 1 : comma + 1;
+    while (!item.empty() && item.front() == ' ') item.erase(0, 1);
+    while (!item.empty() && item.back() == ' ') item.pop_back();
+    if (item.empty()) continue;
+    std::size_t slash = item.find('/');
+    std::string name = item.substr(0, slash);
+    std::uint32_t mask = 0;
+    if (name.empty()) return false;
+    if (!parseLevels(slash == std::string::npos ? "" : item.substr(slash + 1), &mask)) return false;
+    out->emplace_back(name, mask);
+  }
+  return true;
+}
+
+class DefaultSink : public TraceSink {
+ public:
+  void onRecord(const TraceRecord& record) override {
+    std::string line = traceLine(record).stdString();
+    line += '\n';
+    const char* path = std::getenv("QELTRACE_FILE");
+    if (path && *path) {
+      if (FILE* f = std::fopen(path, "a")) {
+        std::fwrite(line.data(), 1, line.size(), f);
+        std::fclose(f);
+        return;
+      }
+    }
+    // One write per record keeps lines whole when processes share stderr.
+    std::fwrite(line.data(), 1, line.size(), stderr);
+  }
+};
+
+struct Tracing {
+  std::deque<Facility> facilities;  // a deque never moves its elements
+  DefaultSink defaultSink;
+  TraceSink* sink = &defaultSink;
+  std::vector<std::pair<std::string, std::uint32_t>> fromEnvironment;
+
+  Tracing() {
+    const char* env = std::getenv("QELTRACE");
+    if (env && !parseConfig(env, &fromEnvironment)) {
+      std::fprintf(stderr, "QELTRACE: cannot parse \"%s\"; tracing stays off\n", env);
+      fromEnvironment.clear();
+    }
+  }
+
+  Facility& facility(const String& name) {
+    for (Facility& f : facilities) {
+      if (f.name == name) return f;
+    }
+    facilities.emplace_back();
+    Facility& f = facilities.back();
+    f.name = name;
+    std::uint32_t mask = 0;
+    for (const auto& e : fromEnvironment) {
+      if (e.first == "*" || name == e.first.c_str()) mask |= e.second;
+    }
+    f.levels.store(mask, std::memory_order_relaxed);
+    return f;
+  }
+};
+
+Tracing& tracing() {
+  static Tracing* t = new Tracing;  // lives until exit: handles die in static destruction
+  return *t;
+}
+
+}  // namespace
+
+TraceSink::~TraceSink() = default;
+
+TraceHandle::TraceHandle(String8 facility, bool)
+    : facility_(std::move(facility)), levels_(&tracing().facility(facility_).levels) {}
+
+TraceHandle::~TraceHandle() = default;
+
+TraceHelper::TraceHelper(TraceHandle& handle, TraceFacility::FacilityLevel level)
+    : handle_(handle), level_(level) {}
+
+TraceHelper::~TraceHelper() = default;
+
+TraceHelper* TraceHelper::createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
+                                          void* storage) {
+  if (!handle.enabled(level)) return nullptr;
+  return new (storage) TraceHelper(handle, level);
+}
+
+void TraceHelper::trace(const char* file, int line, const char* function) {
+  TraceRecord record{utcNow(), handle_.facility(), level_, file, line, function,
+                     String(stream.str())};
+  tracing().sink->onRecord(record);
+}
+
+void traceLevelsIs(const String& facility, std::uint32_t levelMask) {
+  tracing().facility(facility).levels.store(levelMask, std::memory_order_relaxed);
+}
+
+std::uint32_t traceLevels(const String& facility) {
+  return tracing().facility(facility).levels.load(std::memory_order_relaxed);
+}
+
+bool traceConfigIs(const String& config) {
+  std::vector<std::pair<std::string, std::uint32_t>> items;
+  if (!parseConfig(config.stdString(), &items)) return false;
+  for (const auto& e : items) traceLevelsIs(String(e.first), e.second);
+  return true;
+}
+
+void traceSinkIs(TraceSink* sink) { tracing().sink = sink ? sink : &tracing().defaultSink; }
+
+String traceLine(const TraceRecord& record) {
+  double whole = std::floor(record.time);
+  time_t secs = static_cast<time_t>(whole);
+  long micros = std::lround((record.time - whole) * 1e6);
+  if (micros >= 1000000) {
+    ++secs;
+    micros -= 1000000;
+  }
+  struct tm tm;
+  gmtime_r(&secs, &tm);
+  char stamp[64];
+  std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", tm.tm_year + 1900,
+                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, micros);
+  std::string line = stamp;
+  line += ' ';
+  line += record.facility.stdString();
+  line += '/' + std::to_string(record.level) + ' ';
+  line += record.file ? record.file : "?";
+  line += ':' + std::to_string(record.line) + ' ';
+  line += record.function ? record.function : "?";
+  line += ": ";
+  line += record.text.stdString();
+  return String(line);
+}
+
+}  // namespace Qel

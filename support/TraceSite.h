@@ -1,0 +1,33 @@
+// The trace convention of the library's source files.
+//
+// Each source file defines its own handle with KRONLOG_TRACE_HANDLE(), built
+// on first use; each site names its file, line and function as constants,
+// because those appear in the record exactly as given. Nothing after the
+// level test runs unless the level is enabled.
+#ifndef KRONLOG_SUPPORT_TRACESITE_H
+#define KRONLOG_SUPPORT_TRACESITE_H
+
+#include "qel/Trace.h"
+
+#define KRONLOG_TRACE_HANDLE()                               \
+  namespace {                                                \
+  [[maybe_unused]] Qel::TraceHandle& _defaultTraceHandle() { \
+    static Qel::TraceHandle handle("Kronlog", false);        \
+    return handle;                                           \
+  }                                                          \
+  }
+
+// KRONLOG_TRACE(1, "KronlogWriter", 17, "eventIs", << "eventIs size: " << n);
+#define KRONLOG_TRACE(level, file, line, function, pieces)                                   \
+  do {                                                                                       \
+    ::Qel::TraceHelperStorage qelTraceStorage_;                                              \
+    ::Qel::TraceHelper* qelTraceHelper_ =                                                    \
+        ::Qel::TraceHelper::createIfEnabled(_defaultTraceHandle(), (level), &qelTraceStorage_); \
+    if (qelTraceHelper_) {                                                                   \
+      ::Qel::EnsureTraceHelperIsDestroyed qelTraceGuard_(qelTraceHelper_);                   \
+      qelTraceHelper_->stream pieces;                                                        \
+      qelTraceHelper_->trace((file), (line), (function));                                    \
+    }                                                                                        \
+  } while (0)
+
+#endif  // KRONLOG_SUPPORT_TRACESITE_H
