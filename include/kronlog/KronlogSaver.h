@@ -1,0 +1,50 @@
+// The saver: one read over a configuration, written to the store file.
+//
+//   KronlogSaver::saverFactory(config);  // reads and saves now
+//
+// With no directories configured, or nothing read, the store file is left
+// as it was. Outcomes are reported only through traces.
+#ifndef KRONLOG_KRONLOGSAVER_H
+#define KRONLOG_KRONLOGSAVER_H
+
+#include "kronlog/Export.h"
+#include "kronlog/KronlogReader.h"
+#include "qel/Allocator.h"
+#include "qel/Ptr.h"
+
+namespace KronlogSaver {
+
+class KRONLOG_EXPORT Saver : public Qel::PtrInterface {
+  QEL_TRACKED_ALLOCATION()
+
+ public:
+  using Ptr = Qel::Ptr<Saver>;
+
+  // Saves, then marks the saver initialized. `config` must not be null.
+  explicit Saver(Qel::Ptr<KronlogReader::Config const> const& config);
+
+  const Qel::Ptr<KronlogReader::Config const>& config() const noexcept { return config_; }
+  bool initialized() const noexcept { return initialized_; }
+  void initializedIs(bool value) noexcept { initialized_ = value; }
+
+  // One complete save; each call saves afresh.
+  void doSave();
+  // doSave(), then initializedIs(true) whatever it found.
+  void handleInitialized();
+
+  const Qel::TypeNode* fwkType() const override;
+
+ protected:
+  ~Saver() override;
+
+ private:
+  Qel::Ptr<KronlogReader::Config const> config_;
+  bool initialized_;
+};
+
+// Saves; never null.
+KRONLOG_EXPORT Saver::Ptr saverFactory(Qel::Ptr<KronlogReader::Config const> const& config);
+
+}  // namespace KronlogSaver
+
+#endif  // KRONLOG_KRONLOGSAVER_H

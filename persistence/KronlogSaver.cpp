@@ -1,0 +1,78 @@
+#include "kronlog/KronlogSaver.h"
+
+#include "kronlog/KronlogStore.h"
+#include "qel/Exception.h"
+#include "qel/Type.h"
+#include "support/TraceSite.h"
+
+KRONLOG_TRACE_HANDLE()
+
+namespace KronlogSaver {
+
+namespace {
+constexpr char kFile[] = "KronlogSaver";
+constexpr char kDoSave[] = "void KronlogSaver::Saver::doSave()";
+}  // namespace
+
+QEL_TRACKED_ALLOCATION_DEFINE(Saver, "KronlogSaver::Saver")
+
+Saver::Saver(Qel::Ptr<KronlogReader::Config const> const& config)
+    : config_(config), initialized_(false) {
+  handleInitialized();
+}
+
+Saver::~Saver() = default;
+
+Saver::Ptr saverFactory(Qel::Ptr<KronlogReader::Config const> const& config) {
+  Saver::Ptr s(new Saver(config));
+  if (!s) Qel::throwRangeException("null ValidPtr");
+  return s;
+}
+
+void Saver::handleInitialized() {
+  doSave();
+  initializedIs(true);
+}
+
+void Saver::doSave() {
+  KRONLOG_TRACE(0, kFile, 19, "doSave", << kDoSave);
+  if (config_->dirs() == 0) {
+    KRONLOG_TRACE(0, kFile, 22, "doSave", << kDoSave << " No dirs to save in the given config.");
+    return;
+  }
+  KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
+  KronlogReader::readerFactory(config_, status);  // reads at construction
+  if (status->logs() == 0) {
+    // An earlier store file is kept, not emptied.
+    KRONLOG_TRACE(0, kFile, 31, "doSave", << kDoSave << " No events to save.");
+    return;
+  }
+  KronlogStore::Store::Ptr store = KronlogStore::jsonStoreFactory(status);
+  store->doStore();
+}
+
+const Qel::TypeNode* Saver::fwkType() const {
+  static const Qel::TypeNode* type = Qel::typeNode("KronlogSaver::Saver");
+  return type;
+}
+
+namespace {
+
+const bool registered = [] {
+  using Qel::PtrInterface;
+  Qel::Ptr<Qel::TypeNode> saver(new Qel::TypeNode("KronlogSaver::Saver", Qel::TypeNode::Kind::entity));
+  saver
+      ->attributeIs("initialized",
+                    [](const PtrInterface& o) {
+                      return Qel::valueToStrep(static_cast<const Saver&>(o).initialized());
+                    })
+      .operationIs("doSave", [](PtrInterface& o) { static_cast<Saver&>(o).doSave(); })
+      .operationIs("handleInitialized",
+                   [](PtrInterface& o) { static_cast<Saver&>(o).handleInitialized(); });
+  Qel::typeNodeIs(saver);
+  return true;
+}();
+
+}  // namespace
+
+}  // namespace KronlogSaver

@@ -1,0 +1,435 @@
+#include "kronlog/KronlogWriter.h"
+
+#include <ostream>
+#include <string>
+
+#include "qel/Exception.h"
+#include "qel/Strep.h"
+#include "qel/Type.h"
+#include "support/Assert.h"
+#include "support/TraceSite.h"
+
+KRONLOG_TRACE_HANDLE()
+
+namespace KronlogWriter {
+
+namespace {
+
+constexpr char kFile[] = "KronlogWriter";
+
+const Qel::TypeNode* overflowActionType() {
+  static const Qel::TypeNode* type = Qel::typeNode("KronlogWriter::OverflowActionType");
+  return type;
+}
+
+}  // namespace
+
+// ---- OverflowActionType
+
+Qel::String stringValue(OverflowActionType value) {
+  return Qel::enumToStrep(*overflowActionType(), value);
+}
+
+Qel::String valueToStrep(const OverflowActionType& value) { return stringValue(value); }
+
+std::ostream& operator<<(std::ostream& os, const OverflowActionType& value) {
+  return os << stringValue(value);
+}
+
+OverflowActionType OverflowActionTypeInstance(unsigned int number) {
+  Qel::String name;
+  if (!overflowActionType()->enumName(number, &name)) {
+    Qel::throwRangeException(
+        Qel::String("KronlogWriter::OverflowActionType has no value " + std::to_string(number)));
+  }
+  return static_cast<OverflowActionType>(number);
+}
+
+OverflowActionType OverflowActionTypeInstance(const Qel::String8& name) {
+  unsigned int number = 0;
+  if (!overflowActionType()->enumNumber(name, &number)) {
+    Qel::throwRangeException(
+        Qel::String("KronlogWriter::OverflowActionType has no value " + name.stdString()));
+  }
+  return static_cast<OverflowActionType>(number);
+}
+
+void sequenceToValue(Qel::String8::IteratorConst& it, const Qel::String8::IteratorConst& end,
+                     OverflowActionType* value) {
+  Qel::String8::IteratorConst p = it;
+  Qel::String name = Qel::strepToIdentifier(p, end);
+  *value = OverflowActionTypeInstance(name);
+  it = p;
+}
+
+// ---- LogEntry
+
+LogEntry::LogEntry(Qel::String8::IteratorConst& it, const Qel::String8::IteratorConst& end)
+    : timestamp_(0.0) {
+  Qel::needString(it, end, "Value('KronlogWriter::LogEntry', ** {");
+  Qel::needString(it, end, "'timestamp': ");
+  Qel::deserializeAttr(it, end, &timestamp_, "timestamp");
+  Qel::needString(it, end, ", 'message': ");
+  Qel::deserializeAttr(it, end, &message_, "message");
+  Qel::needString(it, end, "})");
+}
+
+Qel::String valueToStrep(const LogEntry& value) {
+  std::string s = "Value('KronlogWriter::LogEntry', ** {'timestamp': ";
+  s += Qel::valueToStrep(value.timestamp()).view();
+  s += ", 'message': ";
+  s += Qel::valueToStrep(value.message()).view();
+  s += "})";
+  return Qel::String(s);
+}
+
+std::ostream& operator<<(std::ostream& os, const LogEntry& value) {
+  return os << valueToStrep(value);
+}
+
+// ---- Config
+
+Config::Config(Qel::String8::IteratorConst& it, const Qel::String8::IteratorConst& end)
+    : Config() {
+  Qel::needString(it, end, "Value('KronlogWriter::Config', ** {");
+  Qel::needString(it, end, "'size': ");
+  Qel::deserializeAttr(it, end, &size_, "size");
+  Qel::needString(it, end, ", 'overflowAction': ");
+  try {
+    sequenceToValue(it, end, &overflowAction_);
+  } catch (const Qel::RangeException& e) {
+    Qel::rethrowFromDeserializeAttr(e, "overflowAction");
+  }
+  Qel::needString(it, end, "})");
+}
+
+Qel::String valueToStrep(const Config& value) {
+  std::string s = "Value('KronlogWriter::Config', ** {'size': ";
+  s += Qel::valueToStrep(value.size()).view();
+  s += ", 'overflowAction': ";
+  s += valueToStrep(value.overflowAction()).view();
+  s += "})";
+  return Qel::String(s);
+}
+
+std::ostream& operator<<(std::ostream& os, const Config& value) {
+  return os << valueToStrep(value);
+}
+
+// ---- Writer::LogMetadata
+
+Qel::String valueToStrep(const Writer::LogMetadata& value) {
+  std::string s = "Value('KronlogWriter::Writer::LogMetadata', ** {'firstIndex': ";
+  s += Qel::valueToStrep(value.firstIndex()).view();
+  s += ", 'nextIndex': ";
+  s += Qel::valueToStrep(value.nextIndex()).view();
+  s += "})";
+  return Qel::String(s);
+}
+
+std::ostream& operator<<(std::ostream& os, const Writer::LogMetadata& value) {
+  return os << valueToStrep(value);
+}
+
+// ---- Writer
+
+QEL_TRACKED_ALLOCATION_DEFINE(Writer, "KronlogWriter::Writer")
+QEL_TRACKED_ALLOCATION_DEFINE(Writer::QelLog, "KronlogWriter::Writer::QelLog")
+
+Writer::Writer(const Qel::Name& name, const Config& config) : Entity(name), config_(config) {}
+
+Writer::~Writer() = default;
+
+Writer::Ptr Writer::WriterIs(const Qel::Name& name, const Config& config) {
+  Ptr w(new Writer(name, config));
+  if (!w) Qel::throwRangeException("null ValidPtr");
+  return w;
+}
+
+Writer::Ptr writerFactory(const Qel::Name& name, const Config& config) {
+  return Writer::WriterIs(name, config);
+}
+
+Qel::NotifieeListBase* Writer::notifieeList() const {
+  return const_cast<Qel::NotifieeListBase*>(&notifiees_);
+}
+
+const Qel::TypeNode* Writer::fwkType() const {
+  static const Qel::TypeNode* type = Qel::typeNode("KronlogWriter::Writer");
+  return type;
+}
+
+void Writer::notifyLog(unsigned int index) {
+  notifiees_.visitAs<Notifiee>([index](Notifiee* n) { n->onLog(index); });
+}
+
+void Writer::notifyOverflowCount() {
+  notifiees_.visitAs<Notifiee>([](Notifiee* n) { n->onOverflowCount(); });
+}
+
+void Writer::overflowCountIs(unsigned int value) {
+  if (value == overflowCount_) return;
+  overflowCount_ = value;
+  notifyOverflowCount();
+}
+
+unsigned int Writer::overflowCountInc(unsigned int delta) {
+  unsigned int value = overflowCount_ + delta;  // wraps modulo 2^32 by design
+  overflowCountIs(value);
+  return overflowCount_;
+}
+
+void Writer::logMetadataIs(const LogMetadata& value) {
+  log_.indicesIs(value.firstIndex(), value.nextIndex());
+  // Unconditional on purpose: a copy receiving the index state must hear
+  // about it even when it already matches.
+  notifiees_.visitAs<Notifiee>([](Notifiee* n) { n->onLogMetadata(); });
+}
+
+LogEntry Writer::log(unsigned int index) const {
+  const QelLog* m = log_.find(index);
+  return m ? m->entry() : LogEntry();
+}
+
+void Writer::logEnq(const LogEntry& entry) { logEnq(LogEntry(entry)); }
+
+void Writer::logEnq(LogEntry&& entry) {
+  const unsigned int index = log_.effectiveNextIndex();
+  Qel::Ptr<QelLog> m(new QelLog(index, std::move(entry)));
+  log_.doMemberIs(index, m.ptr(), false);
+  notifyLog(index);
+}
+
+LogEntry Writer::logDeq() {
+  Qel::Ptr<QelLog> m = log_.deq();
+  if (!m) return LogEntry();
+  notifyLog(m->index());
+  return m->entry();
+}
+
+Qel::Ptr<Writer::QelLog> Writer::newLog(unsigned int index, const LogEntry& entry) {
+  Qel::Ptr<QelLog> m(new QelLog(index, entry));
+  log_.doMemberIs(index, m.ptr(), false);
+  return m;
+}
+
+void Writer::logIs(unsigned int index, const LogEntry& entry) {
+  if (QelLog* m = log_.find(index)) {
+    // The equality shortcut applies only below the entry count; at or above
+    // it the value is written and notified even when equal.
+    if (index < log_.members() && m->entry() == entry) return;
+    m->valueRef() = entry;
+  } else {
+    newLog(index, entry);
+  }
+  notifyLog(index);
+}
+
+LogEntry Writer::logDel(unsigned int index) {
+  Qel::Ptr<QelLog> m = log_._memberDel(index);
+  if (!m) return LogEntry();
+  notifyLog(index);
+  return m->entry();
+}
+
+LogEntry Writer::logDel(LogIterator& it) {
+  if (!it) return LogEntry();
+  return logDel(it.index());
+}
+
+void Writer::logDelAll() {
+  for (LogIterator it = log_.iterator(); it; ++it) logDel(it);
+}
+
+// ---- eventIs and its two steps
+
+namespace {
+
+// Trims a log that holds more entries than its size, which only happens when
+// entries were added without the policy (restores, streamed copies).
+void handleExcessiveLogEntries(Writer& writer) {
+  KRONLOG_TRACE(0, kFile, 34, "handleExcessiveLogEntries",
+                << "void KronlogWriter::handleExcessiveLogEntries(KronlogWriter::Writer::Ptr)");
+  const unsigned int size = writer.config().size();
+  unsigned int len = writer.logs();
+  while (len > size) {
+    if (writer.config().overflowAction() == keepFirstEntries) {
+      // By index, not by position: the log is expected to be numbered from 0.
+      writer.logDel(len - 1);
+    } else {
+      writer.logDeq();
+    }
+    writer.overflowCountInc(1);
+    len = writer.logs();
+    KRONLOG_TRACE(1, kFile, 49, "handleExcessiveLogEntries",
+                  << "handleExcessiveLogEntries size: " << size << " len: " << len);
+  }
+}
+
+// Applies the policy to the event about to be recorded; false drops it.
+bool isLogEntryAllowed(Writer& writer) {
+  KRONLOG_TRACE(0, kFile, 55, "isLogEntryAllowed",
+                << "bool KronlogWriter::isLogEntryAllowed(KronlogWriter::Writer::Ptr)");
+  const unsigned int size = writer.config().size();
+  if (size == 0) {
+    writer.overflowCountInc(1);
+    return false;
+  }
+  if (writer.logs() != size) return true;
+  if (writer.config().overflowAction() == keepFirstEntries) {
+    KRONLOG_TRACE(1, kFile, 71, "isLogEntryAllowed",
+                  << "isLogEntryAllowed Queue full. WriterConfig has "
+                     "overflowAction==keepFirstEntries. Dropping message.");
+    writer.overflowCountInc(1);
+    return false;
+  }
+  writer.logDeq();
+  writer.overflowCountInc(1);
+  return true;
+}
+
+}  // namespace
+
+void Writer::eventIs(Qel::String message) {
+  KRONLOG_TRACE(0, kFile, 14, "eventIs", << "void KronlogWriter::Writer::eventIs(Qel::String)");
+  KRONLOG_TRACE(1, kFile, 17, "eventIs",
+                << "eventIs size: " << config_.size() << " len: " << log_.members());
+  handleExcessiveLogEntries(*this);
+  if (!isLogEntryAllowed(*this)) return;
+  KRONLOG_ASSERT(log_.members() < config_.size(), "len < size()");
+  LogEntry entry(Qel::utcNow(), std::move(message));
+  KRONLOG_TRACE(0, kFile, 27, "eventIs",
+                << "eventIs timestamp: " << entry.timestamp() << " message: " << entry.message());
+  logEnq(std::move(entry));
+}
+
+// ---- WriterDir
+
+QEL_TRACKED_ALLOCATION_DEFINE(WriterDir, "KronlogWriter::WriterDir")
+
+WriterDir::WriterDir(const Qel::Name& name) : Entity(name) {}
+
+WriterDir::~WriterDir() {
+  for (WriterIterator it = writers_.begin(); it; ++it) it->parentIs(nullptr);
+}
+
+WriterDir::Ptr WriterDir::WriterDirIs(const Qel::Name& name) {
+  Ptr d(new WriterDir(name));
+  if (!d) Qel::throwRangeException("null ValidPtr");
+  return d;
+}
+
+WriterDir::Ptr writerDirFactory(const Qel::Name& name) { return WriterDir::WriterDirIs(name); }
+
+Qel::NotifieeListBase* WriterDir::notifieeList() const {
+  return const_cast<Qel::NotifieeListBase*>(&notifiees_);
+}
+
+const Qel::TypeNode* WriterDir::fwkType() const {
+  static const Qel::TypeNode* type = Qel::typeNode("KronlogWriter::WriterDir");
+  return type;
+}
+
+Writer::Ptr WriterDir::newWriter(const Qel::Name& name, const Config& config) {
+  if (writers_.member(name)) {
+    Qel::throwNameInUseException(Qel::String("writer directory " + this->name().stdString() +
+                                             " already holds a writer named " +
+                                             Qel::valueToStrep(name).stdString()));
+  }
+  Writer::Ptr w = writerFactory(name, config);
+  w->parentAttrIs("writer");
+  writers_.newMember(w.ptr());
+  w->parentIs(this);
+  return w;
+}
+
+Writer::Ptr WriterDir::writerIs(const Qel::Name& name, const Config& config) {
+  if (Writer* existing = writers_[name]) {
+    if (existing->config() == config) return existing;
+    // Requested value first, current value second.
+    Qel::throwNameInUseException(Qel::String(
+        "Reinstantiating the entity with name " + Qel::valueToStrep(existing->name()).stdString() +
+        " where constructor parameter attribute _config has a different value of " +
+        valueToStrep(config).stdString() + " than the current value of " +
+        valueToStrep(existing->config()).stdString() + " not allowed"));
+  }
+  Writer::Ptr w = newWriter(name, config);
+  if (!w) Qel::throwRangeException("null ValidPtr");
+  notifiees_.visitAs<Notifiee>([&name](Notifiee* n) { n->onWriter(name); });
+  return w;
+}
+
+Writer::Ptr WriterDir::writerDel(const Qel::Name& name) {
+  Writer::Ptr removed = writers_.memberDel(name);
+  if (!removed) return nullptr;
+  removed->parentIs(nullptr);
+  notifiees_.visitAs<Notifiee>([&name](Notifiee* n) { n->onWriter(name); });
+  return removed;
+}
+
+Writer::Ptr WriterDir::writerDel(WriterIterator& it) {
+  if (!it) return nullptr;
+  Qel::Name name = it.member()->name();
+  return writerDel(name);
+}
+
+void WriterDir::writerDelAll() {
+  for (WriterIterator it = writers_.begin(); it; ++it) writerDel(it);
+}
+
+// ---- Registration, in load order: WriterDir, OverflowActionType, LogEntry,
+// Writer, Config.
+
+namespace {
+
+template <class T>
+Qel::Ptr<Qel::ValueBoxBase> boxed(T value) {
+  return Qel::Ptr<Qel::ValueBoxBase>(new Qel::ValueBox<T>(std::move(value)));
+}
+
+template <class T>
+Qel::Ptr<Qel::ValueBoxBase> parsed(const Qel::String& text) {
+  Qel::String8::IteratorConst it = text.begin();
+  T value(it, text.end());
+  Qel::strepToValueEnd(it, text.end());
+  return boxed(std::move(value));
+}
+
+const Writer& asWriter(const Qel::PtrInterface& o) { return static_cast<const Writer&>(o); }
+
+const bool registered = [] {
+  using Qel::TypeNode;
+  Qel::Ptr<TypeNode> dir(new TypeNode("KronlogWriter::WriterDir", TypeNode::Kind::entity));
+  dir->attributeIs("name", [](const Qel::PtrInterface& o) {
+    return Qel::valueToStrep(static_cast<const WriterDir&>(o).name());
+  });
+  Qel::typeNodeIs(dir);
+
+  Qel::Ptr<TypeNode> action(
+      new TypeNode("KronlogWriter::OverflowActionType", TypeNode::Kind::enumeration));
+  action->enumeratorIs("keepFirstEntries", keepFirstEntries);
+  action->enumeratorIs("keepLastEntries", keepLastEntries);
+  Qel::typeNodeIs(action);
+
+  Qel::Ptr<TypeNode> entry(new TypeNode("KronlogWriter::LogEntry", TypeNode::Kind::value));
+  entry->parserIs(&parsed<LogEntry>).defaultIs([] { return boxed(LogEntry()); });
+  Qel::typeNodeIs(entry);
+
+  Qel::Ptr<TypeNode> writer(new TypeNode("KronlogWriter::Writer", TypeNode::Kind::entity));
+  writer->attributeIs("name", [](const Qel::PtrInterface& o) { return Qel::valueToStrep(asWriter(o).name()); })
+      .attributeIs("config", [](const Qel::PtrInterface& o) { return valueToStrep(asWriter(o).config()); })
+      .attributeIs("overflowCount",
+                   [](const Qel::PtrInterface& o) { return Qel::valueToStrep(asWriter(o).overflowCount()); })
+      .attributeIs("logMetadata",
+                   [](const Qel::PtrInterface& o) { return valueToStrep(asWriter(o).logMetadata()); });
+  Qel::typeNodeIs(writer);
+
+  Qel::Ptr<TypeNode> config(new TypeNode("KronlogWriter::Config", TypeNode::Kind::value));
+  config->parserIs(&parsed<Config>).defaultIs([] { return boxed(Config()); });
+  Qel::typeNodeIs(config);
+  return true;
+}();
+
+}  // namespace
+
+}  // namespace KronlogWriter
