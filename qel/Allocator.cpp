@@ -31,7 +31,8 @@ std::vector<const TypeAllocator*>& allocatorList() {
 // the critical sections are a few instructions long.
 class Guard {
  public:
-  explicit Guard(std::atomic_flag& flag) : flag_(VFPtrInterface::enableThreadSafePointers ? &flag : nullptr) {
+  explicit Guard(std::atomic_flag& flag)
+      : flag_(VFPtrInterface::enableThreadSafePointers ? &flag : nullptr) {
     // acquire: the list as the previous holder left it becomes visible.
     if (flag_) {
       while (flag_->test_and_set(std::memory_order_acquire)) {
@@ -50,7 +51,8 @@ class Guard {
 }  // namespace
 
 TypeAllocator::TypeAllocator(const char* typeName, std::size_t objectSize)
-    : typeName_(typeName), objectSize_(objectSize < sizeof(FreeNode) ? sizeof(FreeNode) : objectSize) {
+    : typeName_(typeName),
+      objectSize_(objectSize < sizeof(FreeNode) ? sizeof(FreeNode) : objectSize) {
   allocatorList().push_back(this);
 }
 
@@ -95,6 +97,8 @@ std::uint64_t liveObjects(const char* typeName) {
   return n;
 }
 
-std::vector<const TypeAllocator*> typeAllocators() { return allocatorList(); }
+std::vector<const TypeAllocator*> typeAllocators() {
+  return allocatorList();
+}
 
 }  // namespace Qel

@@ -17,11 +17,17 @@ std::unordered_set<const void*>& liveEntities() {
 }
 }  // namespace
 
-Entity::Entity(Name name) : name_(std::move(name)) { liveEntities().insert(this); }
+Entity::Entity(Name name) : name_(std::move(name)) {
+  liveEntities().insert(this);
+}
 
-Entity::~Entity() { liveEntities().erase(this); }
+Entity::~Entity() {
+  liveEntities().erase(this);
+}
 
-void Entity::nameIsFromBackup(const Name& name) { name_ = name; }
+void Entity::nameIsFromBackup(const Name& name) {
+  name_ = name;
+}
 
 String Entity::fullName() const {
   std::string path;
@@ -49,14 +55,17 @@ Dir::Ptr Dir::DirIs(const Name& name) {
   return d;
 }
 
-Dir::Ptr dirFactory(const Name& name) { return Dir::DirIs(name); }
+Dir::Ptr dirFactory(const Name& name) {
+  return Dir::DirIs(name);
+}
 
 void Dir::entityIs(const Qel::Ptr<Entity>& entity) {
   if (!entity) throwRangeException("null entity handed to Qel::Dir::entityIs");
   Entity* current = entities_[entity->name()];
   if (current == entity.ptr()) return;
   if (entity->qelInCollection_) {
-    throwRangeException(String("entity " + entity->name().stdString() + " is already in a collection"));
+    throwRangeException(
+        String("entity " + entity->name().stdString() + " is already in a collection"));
   }
   if (current) {
     current->parentIs(nullptr);
@@ -81,7 +90,9 @@ void Dir::entityDelAll() {
   for (auto it = entities_.begin(); it; ++it) entityDel(it.member()->name());
 }
 
-NotifieeListBase* Dir::notifieeList() const { return const_cast<NotifieeListBase*>(&notifiees_); }
+NotifieeListBase* Dir::notifieeList() const {
+  return const_cast<NotifieeListBase*>(&notifiees_);
+}
 
 const TypeNode* Dir::fwkType() const {
   static const TypeNode* type = typeNode("Qel::Dir");

@@ -15,7 +15,11 @@ DeserializeException::DeserializeException(String message, String context)
     : Exception(std::move(message), kIdentifierMask, true), context_(std::move(context)) {}
 DeserializeException::~DeserializeException() = default;
 
-void throwRangeException(const String& message) { throw RangeException(message); }
-void throwNameInUseException(const String& message) { throw NameInUseException(message); }
+void throwRangeException(const String& message) {
+  throw RangeException(message);
+}
+void throwNameInUseException(const String& message) {
+  throw NameInUseException(message);
+}
 
 }  // namespace Qel

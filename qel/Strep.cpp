@@ -40,7 +40,9 @@ std::string excerpt(StrepIt it, StrepIt end) {
 bool isIdentStart(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
 }
-bool isIdentChar(char c) { return isIdentStart(c) || (c >= '0' && c <= '9'); }
+bool isIdentChar(char c) {
+  return isIdentStart(c) || (c >= '0' && c <= '9');
+}
 
 int hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -72,7 +74,9 @@ String valueToStrep(unsigned int value) {
   return String(buf, static_cast<std::size_t>(r.ptr - buf));
 }
 
-String valueToStrep(bool value) { return value ? "true" : "false"; }
+String valueToStrep(bool value) {
+  return value ? "true" : "false";
+}
 
 String valueToStrep(const String& value) {
   std::string out;
@@ -81,11 +85,21 @@ String valueToStrep(const String& value) {
   for (char ch : value.view()) {
     unsigned char c = static_cast<unsigned char>(ch);
     switch (c) {
-      case '\\': out += "\\\\"; break;
-      case '\'': out += "\\'"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\'':
+        out += "\\'";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (c < 0x20 || c == 0x7f) {
           char buf[8];
@@ -100,7 +114,9 @@ String valueToStrep(const String& value) {
   return String(out);
 }
 
-String valueToStrep(const char* value) { return valueToStrep(String(value)); }
+String valueToStrep(const char* value) {
+  return valueToStrep(String(value));
+}
 
 String valueToStrepOfRawPtr(const PtrInterface* value) {
   if (!value) return "None";
@@ -178,13 +194,27 @@ void strepToValue(StrepIt& it, const StrepIt& end, String* out) {
     if (p == end) malformed("an escape", p, end);
     char e = *p++;
     switch (e) {
-      case '\\': s += '\\'; break;
-      case '\'': s += '\''; break;
-      case '"': s += '"'; break;
-      case 'n': s += '\n'; break;
-      case 'r': s += '\r'; break;
-      case 't': s += '\t'; break;
-      case '0': s += '\0'; break;
+      case '\\':
+        s += '\\';
+        break;
+      case '\'':
+        s += '\'';
+        break;
+      case '"':
+        s += '"';
+        break;
+      case 'n':
+        s += '\n';
+        break;
+      case 'r':
+        s += '\r';
+        break;
+      case 't':
+        s += '\t';
+        break;
+      case '0':
+        s += '\0';
+        break;
       case 'x': {
         int hi = p != end ? hexDigit(p[0]) : -1;
         int lo = end - p >= 2 ? hexDigit(p[1]) : -1;
@@ -203,7 +233,8 @@ void strepToValue(StrepIt& it, const StrepIt& end, String* out) {
 
 void strepToRawPtr(StrepIt& it, const StrepIt& end, PtrInterface** out) {
   static const char kNone[] = "None";
-  if (static_cast<std::size_t>(end - it) >= 4 && std::memcmp(it, kNone, 4) == 0) {
+  if (static_cast<std::size_t>(end - it) >= 4 && std::memcmp(it, kNone, 4) == 0 &&
+      (end - it == 4 || !isIdentChar(it[4]))) {
     *out = nullptr;
     it += 4;
     return;
@@ -213,8 +244,14 @@ void strepToRawPtr(StrepIt& it, const StrepIt& end, PtrInterface** out) {
   StrepIt nameBegin = p;
   while (p != end && *p != ' ' && *p != '>') ++p;
   std::string typeName(nameBegin, p);
-  StrepIt at = p;
-  needString(at, end, " at 0x");
+  // Not needString, which raises DeserializeException: malformed text is a
+  // RangeException here, as in every other reader.
+  static const char kAt[] = " at 0x";
+  const std::size_t atSize = sizeof kAt - 1;
+  if (static_cast<std::size_t>(end - p) < atSize || std::memcmp(p, kAt, atSize) != 0) {
+    malformed("\" at 0x\"", p, end);
+  }
+  StrepIt at = p + atSize;
   std::uintptr_t address = 0;
   auto r = std::from_chars(at, end, address, 16);
   if (r.ec != std::errc()) malformed("a hexadecimal address", at, end);

@@ -82,8 +82,12 @@ Seconds systemUtcNow() {
 Seconds (*clockFunction)() = &systemUtcNow;
 }  // namespace
 
-Seconds utcNow() { return clockFunction(); }
+Seconds utcNow() {
+  return clockFunction();
+}
 
-void utcNowFunctionIs(Seconds (*clock)()) { clockFunction = clock ? clock : &systemUtcNow; }
+void utcNowFunctionIs(Seconds (*clock)()) {
+  clockFunction = clock ? clock : &systemUtcNow;
+}
 
 }  // namespace Qel

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -20,17 +21,35 @@ struct Facility {
   std::atomic<std::uint32_t> levels{0};
 };
 
+// Reads a level: decimal digits only, at most kMaxLevel. Advances `pos`.
+bool parseLevel(const std::string& text, std::size_t* pos, unsigned* level) {
+  std::size_t start = *pos;
+  unsigned value = 0;
+  while (*pos < text.size() && text[*pos] >= '0' && text[*pos] <= '9') {
+    value = value * 10 + static_cast<unsigned>(text[*pos] - '0');
+    if (value > TraceFacility::kMaxLevel) return false;
+    ++*pos;
+  }
+  *level = value;
+  return *pos > start;
+}
+
 bool parseLevels(const std::string& text, std::uint32_t* mask) {
   if (text.empty() || text == "*") {
     *mask = ~0u;
     return true;
   }
+  // "N" or "N-M" and nothing else: no blanks, signs or trailing text.
   unsigned lo = 0, hi = 0;
-  char extra = 0;
-  int n = std::sscanf(text.c_str(), "%u-%u%c", &lo, &hi, &extra);
-  if (n == 1 && text.find('-') == std::string::npos) hi = lo;
-  else if (n != 2) return false;
-  if (lo > hi || hi > TraceFacility::kMaxLevel) return false;
+  std::size_t pos = 0;
+  if (!parseLevel(text, &pos, &lo)) return false;
+  hi = lo;
+  if (pos < text.size() && text[pos] == '-') {
+    ++pos;
+    if (!parseLevel(text, &pos, &hi)) return false;
+  }
+  if (pos != text.size()) return false;
+  if (lo > hi) return false;
   std::uint32_t m = 0;
   for (unsigned l = lo; l <= hi; ++l) m |= 1u << l;
   *mask = m;
@@ -38,11 +57,13 @@ bool parseLevels(const std::string& text, std::uint32_t* mask) {
 }
 
 // Parses "Name/levels,Name/levels" into (name, mask) pairs.
-bool parseConfig(const std::string& config, std::vector<std::pair<std::string, std::uint32_t>>* out) {
+bool parseConfig(const std::string& config,
+                 std::vector<std::pair<std::string, std::uint32_t>>* out) {
   std::size_t pos = 0;
   while (pos <= config.size()) {
     std::size_t comma = config.find(',', pos);
-    std::string item = config.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
+    std::string item =
+        config.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
     pos = comma == std::string::npos ? config.size() + 1 : comma + 1;
     while (!item.empty() && item.front() == ' ') item.erase(0, 1);
     while (!item.empty() && item.back() == ' ') item.pop_back();
@@ -131,8 +152,8 @@ TraceHelper* TraceHelper::createIfEnabled(TraceHandle& handle, TraceFacility::Fa
 }
 
 void TraceHelper::trace(const char* file, int line, const char* function) {
-  TraceRecord record{utcNow(), handle_.facility(), level_, file, line, function,
-                     String(stream.str())};
+  TraceRecord record{utcNow(), handle_.facility(),  level_, file, line,
+                     function, String(stream.str())};
   tracing().sink->onRecord(record);
 }
 
@@ -147,11 +168,26 @@ std::uint32_t traceLevels(const String& facility) {
 bool traceConfigIs(const String& config) {
   std::vector<std::pair<std::string, std::uint32_t>> items;
   if (!parseConfig(config.stdString(), &items)) return false;
-  for (const auto& e : items) traceLevelsIs(String(e.first), e.second);
+  Tracing& t = tracing();
+  for (const auto& e : items) {
+    if (e.first == "*") {
+      // As in QELTRACE: every facility, those registered later included.
+      for (Facility& f : t.facilities) f.levels.store(e.second, std::memory_order_relaxed);
+      auto& defaults = t.fromEnvironment;
+      defaults.erase(std::remove_if(defaults.begin(), defaults.end(),
+                                    [](const auto& d) { return d.first == "*"; }),
+                     defaults.end());
+      defaults.push_back(e);
+    } else {
+      traceLevelsIs(String(e.first), e.second);
+    }
+  }
   return true;
 }
 
-void traceSinkIs(TraceSink* sink) { tracing().sink = sink ? sink : &tracing().defaultSink; }
+void traceSinkIs(TraceSink* sink) {
+  tracing().sink = sink ? sink : &tracing().defaultSink;
+}
 
 String traceLine(const TraceRecord& record) {
   double whole = std::floor(record.time);

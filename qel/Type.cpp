@@ -118,7 +118,8 @@ const TypeNode* typeNodeIs(Ptr<TypeNode> node) {
   Registry& r = registry();
   for (const auto& n : r.nodes) {
     if (n->name() == node->name()) {
-      throwNameInUseException(String("type " + node->name().stdString() + " is already registered"));
+      throwNameInUseException(
+          String("type " + node->name().stdString() + " is already registered"));
     }
   }
   r.nodes.push_back(std::move(node));

@@ -61,20 +61,22 @@ QEL_EXPORT std::vector<const TypeAllocator*> typeAllocators();
 // file, with QEL_TRACKED_ALLOCATION_DEFINE, so that every library sees the
 // same one. A derived class of another size is served by the system (and
 // still counted) unless it declares its own.
-#define QEL_TRACKED_ALLOCATION()                                                      \
- public:                                                                              \
-  static ::Qel::TypeAllocator& qelAllocator();                                        \
-  static void* operator new(std::size_t size) { return qelAllocator().allocate(size); } \
-  static void operator delete(void* p, std::size_t size) noexcept {                  \
-    qelAllocator().deallocate(p, size);                                               \
-  }                                                                                   \
-                                                                                      \
+#define QEL_TRACKED_ALLOCATION()                                    \
+ public:                                                            \
+  static ::Qel::TypeAllocator& qelAllocator();                      \
+  static void* operator new(std::size_t size) {                     \
+    return qelAllocator().allocate(size);                           \
+  }                                                                 \
+  static void operator delete(void* p, std::size_t size) noexcept { \
+    qelAllocator().deallocate(p, size);                             \
+  }                                                                 \
+                                                                    \
  private:
 
-#define QEL_TRACKED_ALLOCATION_DEFINE(Class, typeName)                               \
-  ::Qel::TypeAllocator& Class::qelAllocator() {                                      \
+#define QEL_TRACKED_ALLOCATION_DEFINE(Class, typeName)                                  \
+  ::Qel::TypeAllocator& Class::qelAllocator() {                                         \
     static ::Qel::TypeAllocator* a = new ::Qel::TypeAllocator(typeName, sizeof(Class)); \
-    return *a;                                                                       \
+    return *a;                                                                          \
   }
 
 #endif  // QEL_ALLOCATOR_H

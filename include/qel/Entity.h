@@ -68,7 +68,10 @@ class QEL_EXPORT Dir : public Entity {
   class Notifiee : public Qel::Notifiee<Dir> {
    public:
     // An entity was added under `name`, replaced, or removed.
-    virtual void onEntity(const Name& name) { (void)name; onEntity(); }
+    virtual void onEntity(const Name& name) {
+      (void)name;
+      onEntity();
+    }
     virtual void onEntity() {}
   };
 

@@ -30,7 +30,7 @@ class QEL_EXPORT NotifieeListBase {
 
   void notifieeIs(NotifieeBase* notifiee);
   void notifieeDel(NotifieeBase* notifiee);
-  std::size_t notifiees() const noexcept { return size_ ; }
+  std::size_t notifiees() const noexcept { return size_; }
 
   // Calls visit(notifiee, context) for each member present when the visit
   // started and still present when its turn comes. Visits may nest (a
@@ -41,9 +41,7 @@ class QEL_EXPORT NotifieeListBase {
   template <class N, class F>
   void visitAs(F&& f) {
     if (size_ == 0) return;  // the common case costs one test
-    doVisit(
-        [](NotifieeBase* n, void* ctx) { (*static_cast<F*>(ctx))(static_cast<N*>(n)); },
-        &f);
+    doVisit([](NotifieeBase* n, void* ctx) { (*static_cast<F*>(ctx))(static_cast<N*>(n)); }, &f);
   }
 
  private:

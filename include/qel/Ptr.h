@@ -48,9 +48,7 @@ class QEL_EXPORT PtrInterface : public VFPtrInterface {
   virtual const TypeNode* fwkType() const;
   virtual ~PtrInterface();
 
-  std::uint32_t references() const noexcept {
-    return references_.load(std::memory_order_relaxed);
-  }
+  std::uint32_t references() const noexcept { return references_.load(std::memory_order_relaxed); }
 
   void newRef() const noexcept {
     if (enableThreadSafePointers) {
@@ -58,8 +56,7 @@ class QEL_EXPORT PtrInterface : public VFPtrInterface {
       // go away concurrently and nothing else needs ordering here.
       references_.fetch_add(1, std::memory_order_relaxed);
     } else {
-      references_.store(references_.load(std::memory_order_relaxed) + 1,
-                        std::memory_order_relaxed);
+      references_.store(references_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
   }
 

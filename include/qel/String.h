@@ -59,11 +59,21 @@ class QEL_EXPORT String {
 
 using String8 = String;
 
-inline bool operator==(const String& a, const String& b) noexcept { return a.view() == b.view(); }
-inline bool operator!=(const String& a, const String& b) noexcept { return !(a == b); }
-inline bool operator<(const String& a, const String& b) noexcept { return a.view() < b.view(); }
-inline bool operator==(const String& a, const char* b) noexcept { return a.view() == b; }
-inline bool operator!=(const String& a, const char* b) noexcept { return a.view() != b; }
+inline bool operator==(const String& a, const String& b) noexcept {
+  return a.view() == b.view();
+}
+inline bool operator!=(const String& a, const String& b) noexcept {
+  return !(a == b);
+}
+inline bool operator<(const String& a, const String& b) noexcept {
+  return a.view() < b.view();
+}
+inline bool operator==(const String& a, const char* b) noexcept {
+  return a.view() == b;
+}
+inline bool operator!=(const String& a, const char* b) noexcept {
+  return a.view() != b;
+}
 
 // Writes the raw bytes, NULs included, without quoting.
 QEL_EXPORT std::ostream& operator<<(std::ostream& os, const String& s);

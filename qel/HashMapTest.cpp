@@ -1,0 +1,296 @@
+// The intrusive hash map: lookup, the reference it holds on each member,
+// growth, and iteration that survives deletions made while it runs.
+#include "qel/HashMap.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "qel/Ptr.h"
+#include "qel/String.h"
+
+namespace {
+
+class Item : public Qel::PtrInterface {
+ public:
+  Item(Qel::Name key, int* destroyed) : key_(std::move(key)), destroyed_(destroyed) {}
+  ~Item() override { ++*destroyed_; }
+
+  Item* qelHashNext_ = nullptr;
+  bool qelInCollection_ = false;
+  const Qel::Name& qelHashKey() const noexcept { return key_; }
+  Item* qelHashValue() noexcept { return this; }
+
+ private:
+  Qel::Name key_;
+  int* destroyed_;
+};
+
+using ItemMap = Qel::HashMap<Item, Qel::Name, Item>;
+using Keys = std::vector<std::string>;
+
+std::string keyOf(int i) {
+  return "k" + std::to_string(i);
+}
+
+Keys keysUpTo(int n) {
+  Keys keys;
+  for (int i = 0; i < n; ++i) keys.push_back(keyOf(i));
+  return keys;
+}
+
+Keys sorted(Keys keys) {
+  std::sort(keys.begin(), keys.end());
+  return keys;
+}
+
+class HashMapTest : public ::testing::Test {
+ protected:
+  // A new member under `key`; the map holds its only reference.
+  Item* add(const Qel::Name& key) {
+    Qel::Ptr<Item> item = newItem(key);
+    EXPECT_TRUE(map_.newMember(item.ptr())) << key;
+    return item.ptr();
+  }
+  void addMany(int n) {
+    for (const std::string& key : keysUpTo(n)) add(Qel::Name(key));
+  }
+  Qel::Ptr<Item> newItem(const Qel::Name& key) { return new Item(key, &destroyed_); }
+
+  // Iterates over the whole map, calling step(key) on each member; returns
+  // the keys in the order visited.
+  template <class F>
+  Keys visitWith(F step) {
+    Keys visited;
+    for (ItemMap::Iterator it = map_.begin(); it; ++it) {
+      std::string key = it.member()->qelHashKey().stdString();
+      visited.push_back(key);
+      step(key);
+    }
+    return visited;
+  }
+  Keys visit() {
+    return visitWith([](const std::string&) {});
+  }
+
+  int destroyed_ = 0;
+  ItemMap map_;  // after destroyed_: members report into it as the map goes
+};
+
+TEST_F(HashMapTest, EmptyMapFindsRemovesAndVisitsNothing) {
+  EXPECT_EQ(map_.member("a"), nullptr);
+  EXPECT_EQ(map_["a"], nullptr);
+  EXPECT_FALSE(map_.memberDel("a"));
+  EXPECT_TRUE(visit().empty());
+  EXPECT_TRUE(map_.empty());
+}
+
+TEST_F(HashMapTest, MemberIsFoundByItsKey) {
+  add("a");
+  Item* b = add("b");
+  add("c");
+  EXPECT_EQ(map_.member("b"), b);
+  EXPECT_EQ(map_["b"], b);
+  EXPECT_EQ(map_.size(), 3u);
+}
+
+TEST_F(HashMapTest, AbsentKeyIsNotFound) {
+  addMany(20);
+  EXPECT_EQ(map_.member("k20"), nullptr);
+  EXPECT_EQ(map_.member(""), nullptr);
+}
+
+TEST_F(HashMapTest, KeysDifferingAfterANulAreDistinct) {
+  Item* ab = add(Qel::Name("a\0b", 3));
+  Item* ac = add(Qel::Name("a\0c", 3));
+  Item* a = add("a");
+  EXPECT_EQ(map_[Qel::Name("a\0b", 3)], ab);
+  EXPECT_EQ(map_[Qel::Name("a\0c", 3)], ac);
+  EXPECT_EQ(map_["a"], a);
+}
+
+TEST_F(HashMapTest, TakenKeyIsRefusedAndTheHolderKept) {
+  Item* first = add("a");
+  Qel::Ptr<Item> twin = newItem("a");
+  EXPECT_FALSE(map_.newMember(twin.ptr()));
+  EXPECT_EQ(map_["a"], first);
+  EXPECT_EQ(twin->references(), 1u);
+  EXPECT_FALSE(twin->qelInCollection_);
+}
+
+TEST_F(HashMapTest, MemberOfAnotherMapIsRefused) {
+  ItemMap other;
+  Qel::Ptr<Item> item = newItem("a");
+  ASSERT_TRUE(other.newMember(item.ptr()));
+  EXPECT_FALSE(map_.newMember(item.ptr()));
+  EXPECT_EQ(map_["a"], nullptr);
+  EXPECT_EQ(item->references(), 2u);
+}
+
+TEST_F(HashMapTest, NullIsRefused) {
+  EXPECT_FALSE(map_.newMember(nullptr));
+  EXPECT_TRUE(map_.empty());
+}
+
+TEST_F(HashMapTest, MapHoldsOneReferencePerMember) {
+  Qel::Ptr<Item> item = newItem("a");
+  map_.newMember(item.ptr());
+  EXPECT_EQ(item->references(), 2u);
+  EXPECT_TRUE(item->qelInCollection_);
+}
+
+TEST_F(HashMapTest, RemovedMemberIsReturnedAndUnlinked) {
+  add("a");
+  Item* b = add("b");
+  Qel::Ptr<Item> removed = map_.memberDel("b");
+  EXPECT_EQ(removed.ptr(), b);
+  EXPECT_EQ(map_["b"], nullptr);
+  EXPECT_EQ(map_.size(), 1u);
+  EXPECT_FALSE(b->qelInCollection_);
+  EXPECT_EQ(b->qelHashNext_, nullptr);
+}
+
+TEST_F(HashMapTest, RemovedMemberLivesAsLongAsTheReturnedPtr) {
+  add("a");
+  Qel::Ptr<Item> removed = map_.memberDel("a");
+  EXPECT_EQ(removed->references(), 1u);
+  EXPECT_EQ(destroyed_, 0);
+  removed = nullptr;
+  EXPECT_EQ(destroyed_, 1);
+}
+
+TEST_F(HashMapTest, RemovingAnAbsentKeyChangesNothing) {
+  addMany(3);
+  EXPECT_FALSE(map_.memberDel("k3"));
+  EXPECT_EQ(map_.size(), 3u);
+  EXPECT_EQ(destroyed_, 0);
+}
+
+TEST_F(HashMapTest, RemovedMemberCanJoinAgain) {
+  add("a");
+  Qel::Ptr<Item> removed = map_.memberDel("a");
+  EXPECT_TRUE(map_.newMember(removed.ptr()));
+  EXPECT_EQ(map_["a"], removed.ptr());
+}
+
+TEST_F(HashMapTest, DestroyingTheMapReleasesEveryMember) {
+  {
+    ItemMap local;
+    for (int i = 0; i < 10; ++i) local.newMember(newItem(Qel::Name(keyOf(i))).ptr());
+    EXPECT_EQ(destroyed_, 0);
+  }
+  EXPECT_EQ(destroyed_, 10);
+}
+
+TEST_F(HashMapTest, GrowthKeepsEveryMemberFindable) {
+  addMany(1000);
+  EXPECT_EQ(map_.size(), 1000u);
+  for (const std::string& key : keysUpTo(1000)) {
+    ASSERT_NE(map_.member(Qel::Name(key)), nullptr) << key;
+    EXPECT_EQ(map_.member(Qel::Name(key))->qelHashKey(), key.c_str());
+  }
+}
+
+TEST_F(HashMapTest, IteratorGivesTheMemberAsItsValue) {
+  Item* a = add("a");
+  ItemMap::Iterator it = map_.begin();
+  EXPECT_EQ(it.member(), a);
+  EXPECT_EQ(it.value(), a);
+  EXPECT_EQ(it->qelHashKey(), "a");
+}
+
+TEST_F(HashMapTest, ExhaustedIteratorEqualsEnd) {
+  add("a");
+  ItemMap::Iterator it = map_.begin();
+  EXPECT_NE(it, map_.end());
+  ++it;
+  EXPECT_EQ(it, map_.end());
+  ++it;
+  EXPECT_FALSE(it);
+}
+
+TEST_F(HashMapTest, CurrentMemberStaysAliveUntilTheIteratorMoves) {
+  add("a");
+  ItemMap::Iterator it = map_.begin();
+  map_.memberDel("a");
+  EXPECT_EQ(destroyed_, 0);
+  EXPECT_EQ(it->qelHashKey(), "a");
+  ++it;
+  EXPECT_EQ(destroyed_, 1);
+}
+
+// Sizes around the growth points as well as a large map.
+class HashMapIterationTest : public HashMapTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(HashMapIterationTest, VisitsEveryMemberExactlyOnce) {
+  addMany(GetParam());
+  EXPECT_EQ(sorted(visit()), sorted(keysUpTo(GetParam())));
+}
+
+TEST_P(HashMapIterationTest, DeletingTheCurrentMemberVisitsEveryMemberOnce) {
+  addMany(GetParam());
+  Keys visited = visitWith([&](const std::string& key) { map_.memberDel(Qel::Name(key)); });
+  EXPECT_EQ(sorted(visited), sorted(keysUpTo(GetParam())));
+  EXPECT_TRUE(map_.empty());
+  EXPECT_EQ(destroyed_, GetParam());
+}
+
+TEST_P(HashMapIterationTest, DeletingTheLastVisitedMemberVisitsEveryMemberOnce) {
+  addMany(GetParam());
+  std::string previous;
+  Keys visited = visitWith([&](const std::string& key) {
+    if (!previous.empty()) map_.memberDel(Qel::Name(previous));
+    previous = key;
+  });
+  EXPECT_EQ(sorted(visited), sorted(keysUpTo(GetParam())));
+  EXPECT_EQ(map_.size(), GetParam() ? 1u : 0u);
+}
+
+TEST_P(HashMapIterationTest, DeletingOtherMembersSkipsExactlyThoseNotYetVisited) {
+  addMany(GetParam());
+  // Victims in key-number order, which is unrelated to the visit order, so
+  // both visited and unvisited members get deleted.
+  Keys victims = keysUpTo(GetParam());
+  std::set<std::string> deleted;
+  std::size_t next = 0;
+  Keys visited = visitWith([&](const std::string& key) {
+    EXPECT_EQ(deleted.count(key), 0u) << key << " visited after its deletion";
+    while (next < victims.size() && victims[next] == key) ++next;
+    if (next < victims.size()) {
+      deleted.insert(victims[next]);
+      map_.memberDel(Qel::Name(victims[next++]));
+    }
+  });
+  std::set<std::string> unique(visited.begin(), visited.end());
+  EXPECT_EQ(unique.size(), visited.size()) << "a member was visited twice";
+  for (const std::string& key : keysUpTo(GetParam())) {
+    if (!deleted.count(key)) {
+      EXPECT_EQ(unique.count(key), 1u) << key << " never visited";
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, HashMapIterationTest,
+                         ::testing::Values(0, 1, 2, 7, 8, 9, 16, 17, 100, 1000));
+
+TEST_F(HashMapTest, DeletingMostMembersAtTheFirstStepLeavesTheRestToVisit) {
+  addMany(100);
+  std::string first;
+  Keys visited = visitWith([&](const std::string& key) {
+    if (!first.empty()) return;
+    first = key;
+    for (int i = 0; i < 100; i += 2) {
+      if (keyOf(i) != key) map_.memberDel(Qel::Name(keyOf(i)));
+    }
+  });
+  Keys expected = {first};
+  for (int i = 1; i < 100; i += 2) {
+    if (keyOf(i) != first) expected.push_back(keyOf(i));
+  }
+  EXPECT_EQ(sorted(visited), sorted(expected));
+}
+
+}  // namespace

@@ -1,0 +1,280 @@
+// Notification delivery while notifiees join and leave the list: a notifiee
+// that leaves is not called again, one that joins is first called for the
+// next notification, nested deliveries and exceptions leave the list sound.
+#include "qel/Notifiee.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "qel/Allocator.h"
+#include "qel/Entity.h"
+
+namespace {
+
+using Log = std::vector<std::string>;
+
+// Logs "<id>:<entity name>" for each notification, then runs its action.
+class Listener : public Qel::Dir::Notifiee {
+ public:
+  using Qel::Dir::Notifiee::onEntity;
+  Listener(Log* log, std::string id) : log_(log), id_(std::move(id)) {}
+
+  void onEntity(const Qel::Name& name) override {
+    log_->push_back(id_ + ":" + name.stdString());
+    if (action) action(name);
+  }
+
+  std::function<void(const Qel::Name&)> action;
+
+ private:
+  Log* log_;
+  std::string id_;
+};
+
+// A directory with listeners; each change to it is one notification.
+class NotifieeTest : public ::testing::Test {
+ protected:
+  // A new listener, registered with the directory.
+  Listener& listen(const std::string& id) {
+    listeners_.push_back(std::make_unique<Listener>(&log_, id));
+    listeners_.back()->notifierIs(dir_);
+    return *listeners_.back();
+  }
+  // An unregistered listener (registered later by a test).
+  Listener& spare(const std::string& id) {
+    listeners_.push_back(std::make_unique<Listener>(&log_, id));
+    return *listeners_.back();
+  }
+  // Destroys `listener`, which unregisters it.
+  void destroy(Listener& listener) {
+    for (auto& l : listeners_) {
+      if (l.get() == &listener) l.reset();
+    }
+  }
+  // Adds an entity named `name` to the directory: one notification.
+  void change(const char* name) { dir_->entityIs(Qel::dirFactory(name)); }
+  std::size_t registered() { return dir_->notifieeListRef().notifiees(); }
+
+  Qel::Dir::Ptr dir_ = Qel::dirFactory("notifier");
+  Log log_;
+  std::vector<std::unique_ptr<Listener>> listeners_;
+};
+
+TEST_F(NotifieeTest, EveryNotifieeHearsAChangeInRegistrationOrder) {
+  listen("a");
+  listen("b");
+  listen("c");
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x", "b:x", "c:x"}));
+}
+
+TEST_F(NotifieeTest, RegisteringTwiceDeliversOnce) {
+  Listener& a = listen("a");
+  dir_->notifieeListRef().notifieeIs(&a);
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x"}));
+  EXPECT_EQ(registered(), 1u);
+}
+
+TEST_F(NotifieeTest, UnregisteredNotifieeHearsNothing) {
+  Listener& a = listen("a");
+  listen("b");
+  a.notifierIs(nullptr);
+  change("x");
+  EXPECT_EQ(log_, (Log{"b:x"}));
+}
+
+TEST_F(NotifieeTest, DestroyedNotifieeIsUnregistered) {
+  Listener& a = listen("a");
+  listen("b");
+  destroy(a);
+  change("x");
+  EXPECT_EQ(log_, (Log{"b:x"}));
+  EXPECT_EQ(registered(), 1u);
+}
+
+TEST_F(NotifieeTest, NotifieeKeepsItsNotifierAlive) {
+  std::uint64_t before = Qel::liveObjects("Qel::Dir");
+  Listener& a = listen("a");
+  dir_ = nullptr;
+  EXPECT_EQ(Qel::liveObjects("Qel::Dir"), before);
+  destroy(a);
+  EXPECT_EQ(Qel::liveObjects("Qel::Dir"), before - 1);
+}
+
+TEST_F(NotifieeTest, NotifieeThatUnregistersItselfIsNotCalledAgain) {
+  Listener& a = listen("a");
+  listen("b");
+  a.action = [&](const Qel::Name&) { a.notifierIs(nullptr); };
+  change("x");
+  change("y");
+  EXPECT_EQ(log_, (Log{"a:x", "b:x", "b:y"}));
+  EXPECT_EQ(registered(), 1u);
+}
+
+TEST_F(NotifieeTest, NotifieeUnregisteredBeforeItsTurnIsSkipped) {
+  Listener& a = listen("a");
+  Listener& b = listen("b");
+  listen("c");
+  a.action = [&](const Qel::Name&) { b.notifierIs(nullptr); };
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x", "c:x"}));
+}
+
+TEST_F(NotifieeTest, NotifieeDestroyedBeforeItsTurnIsSkipped) {
+  Listener& a = listen("a");
+  Listener& b = listen("b");
+  listen("c");
+  a.action = [&](const Qel::Name&) { destroy(b); };
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x", "c:x"}));
+}
+
+TEST_F(NotifieeTest, UnregisteringAnAlreadyCalledNotifieeSkipsNoOther) {
+  Listener& a = listen("a");
+  Listener& b = listen("b");
+  listen("c");
+  b.action = [&](const Qel::Name&) { a.notifierIs(nullptr); };
+  change("x");
+  change("y");
+  EXPECT_EQ(log_, (Log{"a:x", "b:x", "c:x", "b:y", "c:y"}));
+}
+
+TEST_F(NotifieeTest, NotifieeRegisteredDuringDeliveryHearsOnlyTheNextChange) {
+  Listener& a = listen("a");
+  listen("b");
+  Listener& late = spare("late");
+  a.action = [&](const Qel::Name&) { late.notifierIs(dir_); };
+  change("x");
+  change("y");
+  EXPECT_EQ(log_, (Log{"a:x", "b:x", "a:y", "b:y", "late:y"}));
+}
+
+TEST_F(NotifieeTest, NotifieeThatLeavesAndRejoinsHearsOnlyTheNextChange) {
+  Listener& a = listen("a");
+  Listener& b = listen("b");
+  a.action = [&](const Qel::Name&) {
+    b.notifierIs(nullptr);
+    b.notifierIs(dir_);
+  };
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x"}));
+  EXPECT_EQ(registered(), 2u);
+}
+
+TEST_F(NotifieeTest, NestedNotificationIsDeliveredInFullBeforeTheOuterOneGoesOn) {
+  Listener& a = listen("a");
+  listen("b");
+  a.action = [&](const Qel::Name& name) {
+    if (name == "x") change("y");
+  };
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x", "a:y", "b:y", "b:x"}));
+}
+
+TEST_F(NotifieeTest, NotifieeUnregisteredInANestedDeliveryIsSkippedByTheOuterOne) {
+  Listener& a = listen("a");
+  Listener& b = listen("b");
+  Listener& c = listen("c");
+  a.action = [&](const Qel::Name& name) {
+    if (name == "x") change("y");
+  };
+  b.action = [&](const Qel::Name&) { c.notifierIs(nullptr); };
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x", "a:y", "b:y", "b:x"}));
+  EXPECT_EQ(registered(), 2u);
+}
+
+TEST_F(NotifieeTest, RemovalInANestedDeliveryDoesNotShiftTheOuterOne) {
+  Listener& a = listen("a");
+  Listener& b = listen("b");
+  listen("c");
+  a.action = [&](const Qel::Name& name) {
+    if (name == "x") change("y");
+  };
+  b.action = [&](const Qel::Name&) { a.notifierIs(nullptr); };
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x", "a:y", "b:y", "c:y", "b:x", "c:x"}));
+}
+
+TEST_F(NotifieeTest, NotifieeRegisteredInANestedDeliveryHearsNeither) {
+  Listener& a = listen("a");
+  listen("b");
+  Listener& late = spare("late");
+  a.action = [&](const Qel::Name& name) {
+    if (name == "x") change("y");
+    late.notifierIs(dir_);
+  };
+  change("x");
+  EXPECT_EQ(log_, (Log{"a:x", "a:y", "b:y", "b:x"}));
+}
+
+TEST_F(NotifieeTest, ExceptionFromANotifieePropagates) {
+  Listener& a = listen("a");
+  listen("b");
+  a.action = [](const Qel::Name&) { throw std::runtime_error("refused"); };
+  EXPECT_THROW(change("x"), std::runtime_error);
+  EXPECT_EQ(log_, (Log{"a:x"}));
+}
+
+TEST_F(NotifieeTest, ListIsUsableAfterAnException) {
+  Listener& a = listen("a");
+  Listener& b = listen("b");
+  listen("c");
+  a.action = [&](const Qel::Name&) {
+    b.notifierIs(nullptr);
+    a.action = nullptr;
+    throw std::runtime_error("refused");
+  };
+  EXPECT_THROW(change("x"), std::runtime_error);
+  log_.clear();
+  change("y");
+  EXPECT_EQ(log_, (Log{"a:y", "c:y"}));
+  EXPECT_EQ(registered(), 2u);
+}
+
+// The list on its own, with a notifier that is not an entity.
+class NotifieeListTest : public ::testing::Test {
+ protected:
+  struct Member : Qel::NotifieeBase {
+    int calls = 0;
+  };
+  // Delivers one notification to every member.
+  void deliver() {
+    list_.visitAs<Member>([](Member* m) { ++m->calls; });
+  }
+  Qel::NotifieeListBase list_;
+};
+
+TEST_F(NotifieeListTest, NullIsNeitherAddedNorRemoved) {
+  Member m;
+  list_.notifieeIs(nullptr);
+  list_.notifieeIs(&m);
+  list_.notifieeDel(nullptr);
+  deliver();
+  EXPECT_EQ(list_.notifiees(), 1u);
+  EXPECT_EQ(m.calls, 1);
+}
+
+TEST_F(NotifieeListTest, RemovingAnAbsentMemberChangesNothing) {
+  Member in;
+  Member out;
+  list_.notifieeIs(&in);
+  list_.notifieeDel(&out);
+  deliver();
+  EXPECT_EQ(list_.notifiees(), 1u);
+  EXPECT_EQ(in.calls, 1);
+}
+
+TEST_F(NotifieeListTest, EmptyListCallsNothing) {
+  bool called = false;
+  list_.visitAs<Member>([&](Member*) { called = true; });
+  EXPECT_FALSE(called);
+}
+
+}  // namespace

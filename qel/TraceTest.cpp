@@ -1,0 +1,332 @@
+// Tracing: what a record carries, level configuration, that a disabled site
+// costs nothing (nothing is formatted), the default line format, and that a
+// helper is destroyed however its scope is left.
+#include "qel/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+// A record as the sink saw it, with its C strings copied.
+struct Captured {
+  Qel::Seconds time;
+  std::string facility;
+  unsigned int level;
+  std::string file;
+  int line;
+  std::string function;
+  std::string text;
+};
+
+class CapturingSink : public Qel::TraceSink {
+ public:
+  void onRecord(const Qel::TraceRecord& r) override {
+    records.push_back({r.time, r.facility.stdString(), r.level, r.file ? r.file : "(null)", r.line,
+                       r.function ? r.function : "(null)", r.text.stdString()});
+  }
+  std::vector<Captured> records;
+};
+
+// Streams as "counted" and counts how often it was formatted.
+struct Counted {
+  int* formatted;
+};
+std::ostream& operator<<(std::ostream& os, const Counted& c) {
+  ++*c.formatted;
+  return os << "counted";
+}
+
+Qel::Seconds fixedClock() {
+  return 1700000000.25;
+}
+
+// Tests trace under their own facilities, whose levels are restored after
+// each test, and into a capturing sink that is removed afterwards.
+class TraceTest : public ::testing::Test {
+ protected:
+  static constexpr const char* kFacility = "QelTest.Trace";
+  static constexpr const char* kOther = "QelTest.Other";
+
+  TraceTest() : savedLevels_(Qel::traceLevels(kFacility)), savedOther_(Qel::traceLevels(kOther)) {
+    Qel::traceLevelsIs(kFacility, 0);
+    Qel::traceLevelsIs(kOther, 0);
+    Qel::traceSinkIs(&sink_);
+  }
+  ~TraceTest() override {
+    Qel::traceSinkIs(nullptr);
+    Qel::utcNowFunctionIs(nullptr);
+    Qel::traceLevelsIs(kFacility, savedLevels_);
+    Qel::traceLevelsIs(kOther, savedOther_);
+  }
+
+  // A trace site as library code writes one; returns whether it emitted.
+  template <class T>
+  bool site(unsigned int level, const T& value) {
+    Qel::TraceHelperStorage storage;
+    Qel::TraceHelper* helper = Qel::TraceHelper::createIfEnabled(handle_, level, &storage);
+    if (!helper) return false;
+    Qel::EnsureTraceHelperIsDestroyed guard(helper);
+    helper->stream << "value " << value;
+    helper->trace("Widget.cpp", 17, "frob");
+    return true;
+  }
+
+  // What the default sink appends to the QELTRACE_FILE while `body` runs.
+  template <class F>
+  static std::string writtenToTraceFile(F body) {
+    const std::string path = ::testing::TempDir() + "qel_trace_test.log";
+    const char* previous = std::getenv("QELTRACE_FILE");
+    const std::string saved = previous ? previous : "";
+    std::remove(path.c_str());
+    ::setenv("QELTRACE_FILE", path.c_str(), 1);
+    body();
+    if (previous) {
+      ::setenv("QELTRACE_FILE", saved.c_str(), 1);
+    } else {
+      ::unsetenv("QELTRACE_FILE");
+    }
+    std::ifstream in(path);
+    std::stringstream written;
+    written << in.rdbuf();
+    std::remove(path.c_str());
+    return written.str();
+  }
+
+  Qel::TraceHandle handle_{kFacility, false};
+  CapturingSink sink_;
+
+ private:
+  std::uint32_t savedLevels_;
+  std::uint32_t savedOther_;
+};
+
+TEST_F(TraceTest, RecordCarriesLevelFileLineFunctionAndText) {
+  Qel::traceLevelsIs(kFacility, 1u << 2);
+  ASSERT_TRUE(site(2, 42));
+  ASSERT_EQ(sink_.records.size(), 1u);
+  const Captured& r = sink_.records[0];
+  EXPECT_EQ(r.facility, kFacility);
+  EXPECT_EQ(r.level, 2u);
+  EXPECT_EQ(r.file, "Widget.cpp");
+  EXPECT_EQ(r.line, 17);
+  EXPECT_EQ(r.function, "frob");
+  EXPECT_EQ(r.text, "value 42");
+}
+
+TEST_F(TraceTest, RecordTimeComesFromTheClock) {
+  Qel::utcNowFunctionIs(&fixedClock);
+  Qel::traceLevelsIs(kFacility, 1u);
+  site(0, 1);
+  ASSERT_EQ(sink_.records.size(), 1u);
+  EXPECT_EQ(sink_.records[0].time, 1700000000.25);
+}
+
+TEST_F(TraceTest, TextKeepsNulBytes) {
+  Qel::traceLevelsIs(kFacility, 1u);
+  site(0, std::string("a\0b", 3));
+  ASSERT_EQ(sink_.records.size(), 1u);
+  EXPECT_EQ(sink_.records[0].text, std::string("value a\0b", 9));
+}
+
+TEST_F(TraceTest, EachSiteIsOneRecord) {
+  Qel::traceLevelsIs(kFacility, 1u);
+  site(0, "first");
+  site(0, "second");
+  ASSERT_EQ(sink_.records.size(), 2u);
+  EXPECT_EQ(sink_.records[1].text, "value second");
+}
+
+TEST_F(TraceTest, DisabledLevelGivesNoHelperAndNoRecord) {
+  Qel::traceLevelsIs(kFacility, 1u << 1);
+  Qel::TraceHelperStorage storage;
+  EXPECT_EQ(Qel::TraceHelper::createIfEnabled(handle_, 2, &storage), nullptr);
+  EXPECT_FALSE(site(0, 1));
+  EXPECT_TRUE(sink_.records.empty());
+}
+
+TEST_F(TraceTest, DisabledSiteFormatsNothing) {
+  int formatted = 0;
+  site(3, Counted{&formatted});
+  EXPECT_EQ(formatted, 0);
+}
+
+TEST_F(TraceTest, EnabledSiteFormatsOnce) {
+  int formatted = 0;
+  Qel::traceLevelsIs(kFacility, 1u << 3);
+  site(3, Counted{&formatted});
+  EXPECT_EQ(formatted, 1);
+  ASSERT_EQ(sink_.records.size(), 1u);
+  EXPECT_EQ(sink_.records[0].text, "value counted");
+}
+
+TEST_F(TraceTest, LevelsBeyondTheFinestAreNeverEnabled) {
+  Qel::traceLevelsIs(kFacility, ~0u);
+  EXPECT_TRUE(handle_.enabled(Qel::TraceFacility::kMaxLevel));
+  EXPECT_FALSE(handle_.enabled(Qel::TraceFacility::kMaxLevel + 1));
+  EXPECT_FALSE(handle_.enabled(1000));
+}
+
+TEST_F(TraceTest, HandleSeesLevelChangesMadeAfterItWasBuilt) {
+  Qel::TraceHandle later(kOther, false);
+  EXPECT_FALSE(later.enabled(4));
+  Qel::traceLevelsIs(kOther, 1u << 4);
+  EXPECT_TRUE(later.enabled(4));
+  EXPECT_FALSE(handle_.enabled(4));
+}
+
+TEST_F(TraceTest, HandlesOfOneFacilityShareTheirLevels) {
+  Qel::TraceHandle second(kFacility, false);
+  Qel::traceLevelsIs(kFacility, 1u << 5);
+  EXPECT_TRUE(second.enabled(5));
+  EXPECT_TRUE(handle_.enabled(5));
+}
+
+TEST_F(TraceTest, DefaultSinkIsRestoredByNull) {
+  Qel::utcNowFunctionIs(&fixedClock);
+  Qel::traceLevelsIs(kFacility, 1u);
+  Qel::traceSinkIs(nullptr);
+  std::string written = writtenToTraceFile([&] { site(0, 7); });
+  EXPECT_TRUE(sink_.records.empty());
+  EXPECT_EQ(written, "2023-11-14T22:13:20.250000Z QelTest.Trace/0 Widget.cpp:17 frob: value 7\n");
+}
+
+// ---------------------------------------------------------------- config
+
+class TraceConfigTest : public TraceTest {};
+
+struct ConfigCase {
+  const char* levels;  // what follows the facility name
+  std::uint32_t mask;
+};
+
+class TraceConfigAcceptedTest : public TraceTest,
+                                public ::testing::WithParamInterface<ConfigCase> {};
+
+TEST_P(TraceConfigAcceptedTest, SetsTheLevels) {
+  EXPECT_TRUE(Qel::traceConfigIs(std::string(kFacility) + GetParam().levels));
+  EXPECT_EQ(Qel::traceLevels(kFacility), GetParam().mask);
+}
+
+const ConfigCase kAccepted[] = {
+    {"/0-2", 0x7u},    {"/1", 0x2u},   {"", ~0u},      {"/*", ~0u},          {"/0", 0x1u},
+    {"/31", 1u << 31}, {"/0-31", ~0u}, {"/3-3", 0x8u}, {"/30-31", 3u << 30},
+};
+
+INSTANTIATE_TEST_SUITE_P(Forms, TraceConfigAcceptedTest, ::testing::ValuesIn(kAccepted));
+
+class TraceConfigRejectedTest : public TraceTest,
+                                public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(TraceConfigRejectedTest, ReturnsFalseAndChangesNothing) {
+  Qel::traceLevelsIs(kFacility, 1u << 6);
+  EXPECT_FALSE(Qel::traceConfigIs(std::string(kFacility) + GetParam()));
+  EXPECT_EQ(Qel::traceLevels(kFacility), 1u << 6);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, TraceConfigRejectedTest,
+                         ::testing::Values("/x", "/1x", "/1 2", "/1-2x", "/2-1", "/32", "/0-32",
+                                           "/1-", "/-1", "/1-2-3", "/4294967297", "/+1", "/1,/2"));
+
+TEST_F(TraceConfigTest, SeveralFacilitiesAreSetAtOnce) {
+  EXPECT_TRUE(Qel::traceConfigIs(std::string(kFacility) + "/1, " + kOther + "/0-1"));
+  EXPECT_EQ(Qel::traceLevels(kFacility), 0x2u);
+  EXPECT_EQ(Qel::traceLevels(kOther), 0x3u);
+}
+
+TEST_F(TraceConfigTest, OneBadItemRejectsTheWholeText) {
+  EXPECT_FALSE(Qel::traceConfigIs(std::string(kOther) + "/1," + kFacility + "/x"));
+  EXPECT_EQ(Qel::traceLevels(kOther), 0u);
+}
+
+TEST_F(TraceConfigTest, ConfiguredLevelEnablesTheSite) {
+  ASSERT_TRUE(Qel::traceConfigIs(std::string(kFacility) + "/2"));
+  EXPECT_FALSE(site(1, 0));
+  EXPECT_TRUE(site(2, 0));
+}
+
+// ---------------------------------------------------------------- format
+
+class TraceLineTest : public ::testing::Test {
+ protected:
+  static Qel::TraceRecord record(Qel::Seconds time) {
+    return {time, "Kronlog", 1, "KronlogWriter", 17, "eventIs", "eventIs size: 3"};
+  }
+};
+
+TEST_F(TraceLineTest, HasTimeFacilityLevelFileLineFunctionAndText) {
+  EXPECT_EQ(Qel::traceLine(record(1700000000.25)),
+            "2023-11-14T22:13:20.250000Z Kronlog/1 KronlogWriter:17 eventIs: eventIs size: 3");
+}
+
+TEST_F(TraceLineTest, MicrosecondsRoundUpIntoTheNextSecond) {
+  EXPECT_EQ(Qel::traceLine(record(1700000000.9999996)).view().substr(0, 27),
+            "2023-11-14T22:13:21.000000Z");
+}
+
+TEST_F(TraceLineTest, EpochPrintsAsMidnight) {
+  EXPECT_EQ(Qel::traceLine(record(0.0)).view().substr(0, 27), "1970-01-01T00:00:00.000000Z");
+}
+
+TEST_F(TraceLineTest, MissingFileAndFunctionPrintAsQuestionMarks) {
+  Qel::TraceRecord r = record(0.0);
+  r.file = nullptr;
+  r.function = nullptr;
+  EXPECT_EQ(Qel::traceLine(r).view().substr(28), "Kronlog/1 ?:17 ?: eventIs size: 3");
+}
+
+// ------------------------------------------------------ helper lifetime
+
+// Counts the destruction of a stream, through the erase event every stream
+// reports to its callbacks when it goes.
+void countStreamDestruction(std::ios_base& stream, int* count) {
+  static const int slot = std::ios_base::xalloc();
+  stream.pword(slot) = count;
+  stream.register_callback(
+      [](std::ios_base::event event, std::ios_base& s, int index) {
+        if (event == std::ios_base::erase_event) ++*static_cast<int*>(s.pword(index));
+      },
+      slot);
+}
+
+class TraceHelperLifetimeTest : public TraceTest {
+ protected:
+  TraceHelperLifetimeTest() { Qel::traceLevelsIs(kFacility, 1u); }
+  // Builds a helper in `storage` whose destruction increments destroyed_.
+  Qel::TraceHelper* watchedHelper(Qel::TraceHelperStorage* storage) {
+    Qel::TraceHelper* helper = Qel::TraceHelper::createIfEnabled(handle_, 0, storage);
+    if (helper) countStreamDestruction(helper->stream, &destroyed_);
+    return helper;
+  }
+  int destroyed_ = 0;
+};
+
+TEST_F(TraceHelperLifetimeTest, GuardDestroysTheHelperAtScopeEnd) {
+  {
+    Qel::TraceHelperStorage storage;
+    Qel::EnsureTraceHelperIsDestroyed guard(watchedHelper(&storage));
+    EXPECT_EQ(destroyed_, 0);
+  }
+  EXPECT_EQ(destroyed_, 1);
+}
+
+TEST_F(TraceHelperLifetimeTest, GuardDestroysTheHelperWhenAnExceptionLeaves) {
+  try {
+    Qel::TraceHelperStorage storage;
+    Qel::EnsureTraceHelperIsDestroyed guard(watchedHelper(&storage));
+    throw std::runtime_error("formatting failed");
+  } catch (const std::runtime_error&) {
+  }
+  EXPECT_EQ(destroyed_, 1);
+}
+
+}  // namespace
