@@ -91,6 +91,15 @@ class LinkQueue {
 
   // Places, replaces or (with a null member) deletes by index.
   void doMemberIs(const Index& index, Member* m, bool hint) {
+    if (m && (m->next_ || tail_ == m)) {
+      // A member already in the queue moves: unlink it first, then place it
+      // as a new one. (Appending it while still linked would link it twice.)
+      if (m->index_ == index) return;
+      Ptr<Member> keep(m);  // the queue may hold the only reference
+      _memberDel(m->index_);
+      doMemberIs(index, m, false);
+      return;
+    }
     const Index next = effectiveNextIndex();
     if (index == next) {
       if (!m) return;
@@ -112,13 +121,6 @@ class LinkQueue {
     }
     if (!m) {
       _memberDel(index);
-      return;
-    }
-    if (m->next_ || tail_ == m) {
-      if (m->index_ == index) return;
-      Ptr<Member> keep(m);  // the queue may hold the only reference
-      _memberDel(m->index_);
-      doMemberIs(index, m, false);
       return;
     }
     if (hint && placeByHint(index, m, next)) return;
@@ -221,10 +223,33 @@ class LinkQueue {
     return nullptr;
   }
 
+  // Where an iteration that stood on `index` resumes once the queue has
+  // changed: the first member at or after it in circular order from the
+  // head. Unlike startAt, an index just below a wrapped head (a removed head)
+  // resumes at the head, and one just past the tail (a removed tail) ends the
+  // iteration, whichever side of 4294967295 they fall on.
+  Member* resumeAt(Index index) const noexcept {
+    if (!head_) return nullptr;
+    const Index head = head_->index_;
+    const Index offset = static_cast<Index>(index - head);
+    if (offset > static_cast<Index>(tail_->index_ - head)) {
+      // Outside the queue's range: before the head or after the tail,
+      // whichever is nearer.
+      const Index beforeHead = static_cast<Index>(head - index);
+      const Index afterTail = static_cast<Index>(index - tail_->index_);
+      return beforeHead <= afterTail ? head_.ptr() : nullptr;
+    }
+    for (Member* m = head_.ptr(); m; m = m->next_.ptr()) {
+      if (static_cast<Index>(m->index_ - head) >= offset) return m;
+    }
+    return nullptr;
+  }
+
   class IteratorConstBase {
    public:
     IteratorConstBase() = default;
-    explicit IteratorConstBase(const LinkQueue& q) : q_(&q), current_(q.head_), version_(q.version_) {}
+    explicit IteratorConstBase(const LinkQueue& q)
+        : q_(&q), current_(q.head_), version_(q.version_) {}
     IteratorConstBase(const LinkQueue& q, Member* m) : q_(&q), current_(m), version_(q.version_) {}
 
     explicit operator bool() const noexcept { return static_cast<bool>(current_); }
@@ -238,7 +263,7 @@ class LinkQueue {
       } else {
         // The queue changed: find our place again by index. A member with a
         // higher index than ours means ours was removed; it is the next one.
-        Member* at = q_->startAt(current_->index_);
+        Member* at = q_->resumeAt(current_->index_);
         if (!at) {
           current_ = nullptr;
         } else if (at->index_ == current_->index_) {

@@ -1,0 +1,195 @@
+// Tests of the library's trace sites: what an enabled site hands the sink,
+// and that a disabled one costs nothing beyond the level test.
+#include "support/TraceSite.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "qel/String.h"
+#include "qel/Trace.h"
+
+KRONLOG_TRACE_HANDLE()
+
+namespace {
+
+constexpr Qel::Seconds kNow = 1763805600.125;
+
+struct Seen {
+  Qel::Seconds time;
+  std::string facility;
+  unsigned level;
+  std::string file;
+  int line;
+  std::string function;
+  std::string text;
+
+  auto fields() const { return std::tie(time, facility, level, file, line, function, text); }
+  bool operator==(const Seen& o) const { return fields() == o.fields(); }
+};
+
+std::ostream& operator<<(std::ostream& os, const Seen& s) {
+  return os << s.time << ' ' << s.facility << '/' << s.level << ' ' << s.file << ':' << s.line
+            << ' ' << s.function << ": \"" << s.text << '"';
+}
+
+Seen seen(unsigned level, const char* file, int line, const char* function, const char* text) {
+  return {kNow, "Kronlog", level, file, line, function, text};
+}
+
+class CapturingSink : public Qel::TraceSink {
+ public:
+  void onRecord(const Qel::TraceRecord& r) override {
+    records.push_back(
+        {r.time, r.facility.stdString(), r.level, r.file, r.line, r.function, r.text.stdString()});
+  }
+  std::vector<Seen> records;
+};
+
+// Streams as "counted" and counts how often it was formatted.
+struct Counted {
+  int* calls;
+};
+std::ostream& operator<<(std::ostream& os, const Counted& c) {
+  ++*c.calls;
+  return os << "counted";
+}
+
+struct Throwing {};
+std::ostream& operator<<(std::ostream&, const Throwing&) {
+  throw std::runtime_error("cannot format");
+}
+
+class TraceSiteTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    savedLevels_ = Qel::traceLevels("Kronlog");
+    Qel::traceLevelsIs("Kronlog", 0);
+    Qel::traceSinkIs(&sink_);
+    Qel::utcNowFunctionIs([] { return kNow; });
+  }
+  void TearDown() override {
+    Qel::utcNowFunctionIs(nullptr);
+    Qel::traceSinkIs(nullptr);
+    Qel::traceLevelsIs("Kronlog", savedLevels_);
+  }
+
+  void enable(std::uint32_t mask) { Qel::traceLevelsIs("Kronlog", mask); }
+
+  CapturingSink sink_;
+  std::uint32_t savedLevels_ = 0;
+};
+
+TEST_F(TraceSiteTest, EnabledSiteEmitsOneRecordWithItsOwnConstants) {
+  enable(1u << 1);
+  const std::size_t n = 42;
+  KRONLOG_TRACE(1, "KronlogWriter", 17, "eventIs", << "eventIs size: " << n);
+  EXPECT_EQ(sink_.records,
+            std::vector<Seen>{seen(1, "KronlogWriter", 17, "eventIs", "eventIs size: 42")});
+}
+
+TEST_F(TraceSiteTest, EachSiteStartsWithEmptyText) {
+  enable(1u << 0);
+  for (int k = 0; k < 2; ++k) {
+    KRONLOG_TRACE(0, "KronlogStore", 40, "doStore", << "pass " << k);
+  }
+  KRONLOG_TRACE(0, "KronlogStore", 46, "doRestore", << Qel::String("restore"));
+  EXPECT_EQ(sink_.records,
+            (std::vector<Seen>{seen(0, "KronlogStore", 40, "doStore", "pass 0"),
+                               seen(0, "KronlogStore", 40, "doStore", "pass 1"),
+                               seen(0, "KronlogStore", 46, "doRestore", "restore")}));
+}
+
+TEST_F(TraceSiteTest, DisabledSiteFormatsNothing) {
+  enable(1u << 0);
+  int calls = 0;
+  KRONLOG_TRACE(1, "KronlogWriter", 20, "eventIs", << "value " << Counted{&calls});
+  EXPECT_EQ(calls, 0);
+  EXPECT_TRUE(sink_.records.empty());
+
+  KRONLOG_TRACE(0, "KronlogWriter", 21, "eventIs", << "value " << Counted{&calls});
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(sink_.records,
+            std::vector<Seen>{seen(0, "KronlogWriter", 21, "eventIs", "value counted")});
+}
+
+TEST_F(TraceSiteTest, OtherFacilitiesLevelsDoNotEnableTheLibrarysSites) {
+  const std::uint32_t saved = Qel::traceLevels("KronlogTestOther");
+  Qel::traceLevelsIs("KronlogTestOther", ~0u);
+  int calls = 0;
+  KRONLOG_TRACE(0, "KronlogWriter", 30, "eventIs", << Counted{&calls});
+  Qel::traceLevelsIs("KronlogTestOther", saved);
+  EXPECT_EQ(calls, 0);
+  EXPECT_TRUE(sink_.records.empty());
+}
+
+TEST_F(TraceSiteTest, SiteIsOneStatementUnderIfElse) {
+  enable(1u << 0);
+  for (int k = 0; k < 2; ++k) {
+    if (k == 0)
+      KRONLOG_TRACE(0, "KronlogReader", 50, "branch", << "then " << k);
+    else
+      KRONLOG_TRACE(0, "KronlogReader", 51, "branch", << "else " << k);
+  }
+  EXPECT_EQ(sink_.records, (std::vector<Seen>{seen(0, "KronlogReader", 50, "branch", "then 0"),
+                                              seen(0, "KronlogReader", 51, "branch", "else 1")}));
+}
+
+TEST_F(TraceSiteTest, ExceptionWhileFormattingEmitsNothingAndLeavesSitesWorking) {
+  enable(1u << 0);
+  auto failing = [] {
+    KRONLOG_TRACE(0, "KronlogSaver", 60, "doSave", << "partial " << Throwing{});
+  };
+  EXPECT_THROW(failing(), std::runtime_error);
+  EXPECT_TRUE(sink_.records.empty());
+
+  KRONLOG_TRACE(0, "KronlogSaver", 61, "doSave", << "after");
+  EXPECT_EQ(sink_.records, std::vector<Seen>{seen(0, "KronlogSaver", 61, "doSave", "after")});
+}
+
+struct LevelCase {
+  const char* name;
+  std::uint32_t mask;
+  unsigned level;
+  bool emitted;
+};
+
+void PrintTo(const LevelCase& c, std::ostream* os) {
+  *os << c.name;
+}
+std::string levelCaseName(const ::testing::TestParamInfo<LevelCase>& info) {
+  return info.param.name;
+}
+
+class TraceSiteLevelTest : public TraceSiteTest, public ::testing::WithParamInterface<LevelCase> {};
+
+TEST_P(TraceSiteLevelTest, SiteRunsOnlyAtAnEnabledLevel) {
+  const LevelCase& c = GetParam();
+  enable(c.mask);
+  int calls = 0;
+  KRONLOG_TRACE(c.level, "KronlogWriter", 70, "levels", << Counted{&calls});
+  if (c.emitted) {
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(sink_.records,
+              std::vector<Seen>{seen(c.level, "KronlogWriter", 70, "levels", "counted")});
+  } else {
+    EXPECT_EQ(calls, 0);
+    EXPECT_TRUE(sink_.records.empty());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, TraceSiteLevelTest,
+                         ::testing::Values(LevelCase{"EnabledLevel", 1u << 1, 1, true},
+                                           LevelCase{"LevelBelowTheEnabledOne", 1u << 1, 0, false},
+                                           LevelCase{"LevelAboveTheEnabledOne", 1u << 1, 2, false},
+                                           LevelCase{"FinestLevel", ~0u, 31, true},
+                                           LevelCase{"BeyondTheFinestLevel", ~0u, 32, false},
+                                           LevelCase{"NothingEnabled", 0, 0, false}),
+                         levelCaseName);
+
+}  // namespace
