@@ -317,17 +317,17 @@ void Reader::doRead() {
       for (KronlogWriter::WriterDir::WriterIterator w = agent->writerIter(); w; ++w) {
         const KronlogWriter::Writer& writer = *w.value();
         if (!groupPattern.matches(writer.name())) continue;
-        KRONLOG_TRACE(2, kFile, 85, "handleWriter",
-                      << "handleWriter" << " config->minTimestamp: " << minTimestamp
-                      << " config->maxTimestamp: " << maxTimestamp);
+        KRONLOG_TRACE(2, kFile, 85, "handleWriter", << "handleWriter"
+                                                    << " config->minTimestamp: " << minTimestamp
+                                                    << " config->maxTimestamp: " << maxTimestamp);
         const auto source = static_cast<std::uint32_t>(sources.size());
         sources.push_back({agent->name(), writer.name()});
         for (const KronlogWriter::Writer::QelLog* m = writer.logQueue().head(); m; m = m->next()) {
           const double t = m->entry().timestamp();
           KRONLOG_TRACE(1, kFile, 90, "handleWriter",
-                        << "handleWriter" << " agentName: " << agent->name()
-                        << " messageGroup: " << writer.name() << " timestamp: " << t
-                        << " message: " << m->entry().message());
+                        << "handleWriter"
+                        << " agentName: " << agent->name() << " messageGroup: " << writer.name()
+                        << " timestamp: " << t << " message: " << m->entry().message());
           // Both ends inclusive; a NaN compares false and is left out.
           if (minTimestamp <= t && t <= maxTimestamp) selected.push_back({t, source, m});
         }
@@ -342,8 +342,8 @@ void Reader::doRead() {
   entries.reserve(selected.size());
   for (const Selected& s : selected) {
     const Source& src = sources[s.source];
-    entries.push_back(logEntryFactory(src.agentName, src.messageGroup, s.timestamp,
-                                      s.node->entry().message()));
+    entries.push_back(
+        logEntryFactory(src.agentName, src.messageGroup, s.timestamp, s.node->entry().message()));
   }
   for (const LogEntry::Ptr& entry : entries) status_->logEnq(entry);
 }
@@ -355,7 +355,8 @@ namespace {
 const bool registered = [] {
   using Qel::PtrInterface;
   using Qel::TypeNode;
-  Qel::typeNodeIs(Qel::Ptr<TypeNode>(new TypeNode("KronlogReader::Status", TypeNode::Kind::entity)));
+  Qel::typeNodeIs(
+      Qel::Ptr<TypeNode>(new TypeNode("KronlogReader::Status", TypeNode::Kind::entity)));
 
   Qel::Ptr<TypeNode> reader(new TypeNode("KronlogReader::Reader", TypeNode::Kind::entity));
   reader
@@ -363,6 +364,14 @@ const bool registered = [] {
                     [](const PtrInterface& o) {
                       return Qel::valueToStrep(static_cast<const Reader&>(o).initialized());
                     })
+      .attributeIs("config",
+                   [](const PtrInterface& o) {
+                     return Qel::valueToStrepOfRawPtr(static_cast<const Reader&>(o).config().ptr());
+                   })
+      .attributeIs("status",
+                   [](const PtrInterface& o) {
+                     return Qel::valueToStrepOfRawPtr(static_cast<const Reader&>(o).status().ptr());
+                   })
       .operationIs("doRead", [](PtrInterface& o) { static_cast<Reader&>(o).doRead(); })
       .operationIs("handleInitialized",
                    [](PtrInterface& o) { static_cast<Reader&>(o).handleInitialized(); });
@@ -373,14 +382,18 @@ const bool registered = [] {
     return static_cast<const LogEntry&>(o);
   };
   entry
-      ->attributeIs("agentName",
-                    [asEntry](const PtrInterface& o) { return Qel::valueToStrep(asEntry(o).agentName()); })
-      .attributeIs("messageGroup",
-                   [asEntry](const PtrInterface& o) { return Qel::valueToStrep(asEntry(o).messageGroup()); })
-      .attributeIs("timestamp",
-                   [asEntry](const PtrInterface& o) { return Qel::valueToStrep(asEntry(o).timestamp()); })
-      .attributeIs("message",
-                   [asEntry](const PtrInterface& o) { return Qel::valueToStrep(asEntry(o).message()); });
+      ->attributeIs(
+          "agentName",
+          [asEntry](const PtrInterface& o) { return Qel::valueToStrep(asEntry(o).agentName()); })
+      .attributeIs(
+          "messageGroup",
+          [asEntry](const PtrInterface& o) { return Qel::valueToStrep(asEntry(o).messageGroup()); })
+      .attributeIs(
+          "timestamp",
+          [asEntry](const PtrInterface& o) { return Qel::valueToStrep(asEntry(o).timestamp()); })
+      .attributeIs("message", [asEntry](const PtrInterface& o) {
+        return Qel::valueToStrep(asEntry(o).message());
+      });
   Qel::typeNodeIs(entry);
 
   Qel::Ptr<TypeNode> config(new TypeNode("KronlogReader::Config", TypeNode::Kind::entity));
@@ -389,15 +402,20 @@ const bool registered = [] {
   };
   config
       ->attributeIs("agentPattern",
-                    [asConfig](const PtrInterface& o) { return Qel::valueToStrep(asConfig(o).agentPattern()); })
+                    [asConfig](const PtrInterface& o) {
+                      return Qel::valueToStrep(asConfig(o).agentPattern());
+                    })
       .attributeIs("messageGroupPattern",
                    [asConfig](const PtrInterface& o) {
                      return Qel::valueToStrep(asConfig(o).messageGroupPattern());
                    })
       .attributeIs("minTimestamp",
-                   [asConfig](const PtrInterface& o) { return Qel::valueToStrep(asConfig(o).minTimestamp()); })
-      .attributeIs("maxTimestamp",
-                   [asConfig](const PtrInterface& o) { return Qel::valueToStrep(asConfig(o).maxTimestamp()); });
+                   [asConfig](const PtrInterface& o) {
+                     return Qel::valueToStrep(asConfig(o).minTimestamp());
+                   })
+      .attributeIs("maxTimestamp", [asConfig](const PtrInterface& o) {
+        return Qel::valueToStrep(asConfig(o).maxTimestamp());
+      });
   Qel::typeNodeIs(config);
   return true;
 }();

@@ -1,0 +1,882 @@
+// Tests of the read: which writer directories and writers a pattern selects,
+// the time window, the merge order, what a read leaves in a status it
+// shares, failures of malformed patterns, the trace sites, and a comparison
+// with a plain read (patterns compiled per writer, std::multimap merge) over
+// generated directories.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <map>
+#include <optional>
+#include <random>
+#include <regex>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "kronlog/KronlogReader.h"
+#include "kronlog/KronlogWriter.h"
+#include "qel/Entity.h"
+#include "qel/String.h"
+#include "qel/Trace.h"
+
+namespace {
+
+using KronlogReader::Config;
+using KronlogReader::Status;
+using KronlogWriter::WriterDir;
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+// One status entry: agent name, message group, timestamp, message.
+using Row = std::tuple<std::string, std::string, double, std::string>;
+
+Row rowOf(const KronlogReader::LogEntry& e) {
+  return Row{e.agentName().stdString(), e.messageGroup().stdString(), e.timestamp(),
+             e.message().stdString()};
+}
+
+std::vector<Row> rowsOf(const Status& status) {
+  std::vector<Row> rows;
+  for (Status::LogIteratorConst it = status.logIterConst(); it; ++it) {
+    rows.push_back(rowOf(*it->value()));
+  }
+  return rows;
+}
+
+// The writer directory `name` in `dir`, created on first use.
+WriterDir::Ptr agentIn(const Qel::Dir::Ptr& dir, const std::string& name) {
+  if (auto* existing = dynamic_cast<WriterDir*>(dir->entity(Qel::Name(name)))) {
+    return existing;
+  }
+  WriterDir::Ptr agent = KronlogWriter::writerDirFactory(Qel::Name(name));
+  dir->entityIs(agent);
+  return agent;
+}
+
+KronlogWriter::Writer::Ptr writerIn(const Qel::Dir::Ptr& dir, const std::string& agent,
+                                    const std::string& group) {
+  return agentIn(dir, agent)->writerIs(Qel::Name(group), KronlogWriter::Config());
+}
+
+// Appends to the writer's log directly, so the timestamp is the caller's.
+void addEntry(const Qel::Dir::Ptr& dir, const std::string& agent, const std::string& group,
+              double t, const std::string& message) {
+  writerIn(dir, agent, group)->logEnq(KronlogWriter::LogEntry(t, Qel::String(message)));
+}
+
+// The (agent, group) pairs of `config` in the order a read visits them:
+// directory, then entity, then writer, each in its map's own order.
+std::vector<std::pair<std::string, std::string>> visitOrder(const Config& config) {
+  std::vector<std::pair<std::string, std::string>> order;
+  for (Config::DirIterator d = config.dirIter(); d; ++d) {
+    for (Qel::Dir::EntityIterator e = d.value()->entityIter(); e; ++e) {
+      auto* agent = dynamic_cast<WriterDir*>(e.member());
+      if (!agent) continue;
+      for (WriterDir::WriterIterator w = agent->writerIter(); w; ++w) {
+        order.emplace_back(agent->name().stdString(), w.value()->name().stdString());
+      }
+    }
+  }
+  return order;
+}
+
+// Every read test works on one directory of agents, already in the
+// configuration, and a status of its own.
+class ReadTest : public ::testing::Test {
+ protected:
+  void addEntry(const std::string& agent, const std::string& group, double t,
+                const std::string& message) {
+    ::addEntry(dir_, agent, group, t, message);
+  }
+  void read() { KronlogReader::readerFactory(config_, status_); }
+  std::vector<Row> statusRows() const { return rowsOf(*status_); }
+  std::vector<std::string> statusMessages() const {
+    std::vector<std::string> out;
+    for (const Row& r : statusRows()) out.push_back(std::get<3>(r));
+    return out;
+  }
+  std::vector<unsigned int> statusIndices() const {
+    std::vector<unsigned int> out;
+    for (Status::LogIteratorConst it = status_->logIterConst(); it; ++it) {
+      out.push_back(it.index());
+    }
+    return out;
+  }
+
+  Qel::Dir::Ptr dir_ = Qel::dirFactory("agents");
+  Config::Ptr config_ = [this] {
+    Config::Ptr c = KronlogReader::configFactory();
+    c->dirIs(dir_);
+    return c;
+  }();
+  Status::Ptr status_ = KronlogReader::statusFactory();
+};
+
+// ---- Patterns: whole-string, case-sensitive ECMAScript matches.
+
+struct PatternCase {
+  const char* pattern;
+  const char* name;
+  bool selected;
+};
+
+std::ostream& operator<<(std::ostream& os, const PatternCase& c) {
+  return os << '"' << c.pattern << "\" on \"" << c.name << '"';
+}
+
+const PatternCase kPatternCases[] = {
+    {"agent", "agent", true},
+    {"agent", "agent1", false},
+    {"agent", "xagent", false},
+    {"agent", "Agent", false},
+    {"agent", "AGENT", false},
+    {"bgp|ospf", "ospf", true},
+    {"bgp|ospf", "bgpospf", false},
+    {"bgp|ospf", "bgp", true},
+    {"^agent$", "agent", true},
+    {"^agent", "agent1", false},
+    {"agent[0-9]+", "agent12", true},
+    {"agent[0-9]+", "agent", false},
+    {"a.*", "a", true},
+    {"a.*", "ba", false},
+    {"", "", true},
+    {"", "a", false},
+    {".+", "", false},
+    {"(peer|route)s?", "routes", true},
+};
+
+class PatternMatchTest : public ReadTest, public ::testing::WithParamInterface<PatternCase> {};
+
+TEST_P(PatternMatchTest, AgentPatternSelectsWholeNamesOnly) {
+  addEntry(GetParam().name, "group", 1.0, "m");
+  config_->agentPatternIs(GetParam().pattern);
+  read();
+  EXPECT_EQ(status_->logs(), GetParam().selected ? 1u : 0u);
+}
+
+TEST_P(PatternMatchTest, MessageGroupPatternSelectsWholeNamesOnly) {
+  addEntry("agent", GetParam().name, 1.0, "m");
+  config_->messageGroupPatternIs(GetParam().pattern);
+  read();
+  EXPECT_EQ(status_->logs(), GetParam().selected ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, PatternMatchTest, ::testing::ValuesIn(kPatternCases));
+
+TEST_F(ReadTest, BothPatternsMustMatch) {
+  addEntry("bgp", "peer", 1.0, "bgp peer");
+  addEntry("bgp", "route", 2.0, "bgp route");
+  addEntry("ospf", "peer", 3.0, "ospf peer");
+  config_->agentPatternIs("bgp");
+  config_->messageGroupPatternIs("peer");
+  read();
+  EXPECT_EQ(statusMessages(), std::vector<std::string>{"bgp peer"});
+}
+
+// ---- ".*" and its look-alikes select exactly what std::regex_match does,
+// also for names holding line terminators, NULs and multi-byte characters.
+
+const std::vector<std::string> kAwkwardNames = {
+    "",
+    "plain",
+    "a\nb",
+    "\n",
+    "trailing\r",
+    "\r\n",
+    std::string("nul\0inside", 10),
+    std::string(1, '\0'),
+    "tab\there",
+    "\xc3\xa4gent",              // a-umlaut
+    "\xe6\x97\xa5\xe6\x9c\xac",  // two CJK characters
+    "\xe2\x80\xa8",              // U+2028 LINE SEPARATOR, as UTF-8 bytes
+    "\xc2\x85",                  // U+0085 NEXT LINE, as UTF-8 bytes
+    "\x85",
+    "\xff\xfe",
+};
+
+std::vector<std::string> regexSelected(const std::string& pattern,
+                                       const std::vector<std::string>& names) {
+  const std::regex re(pattern);
+  std::vector<std::string> out;
+  for (const std::string& n : names) {
+    if (std::regex_match(n, re)) out.push_back(n);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+class DotStarTest : public ReadTest, public ::testing::WithParamInterface<const char*> {
+ protected:
+  std::vector<std::string> selectedAgents() const {
+    std::vector<std::string> out;
+    for (const Row& r : statusRows()) out.push_back(std::get<0>(r));
+    std::sort(out.begin(), out.end());
+    return out;
+  }
+  std::vector<std::string> selectedGroups() const {
+    std::vector<std::string> out;
+    for (const Row& r : statusRows()) out.push_back(std::get<1>(r));
+    std::sort(out.begin(), out.end());
+    return out;
+  }
+};
+
+TEST_P(DotStarTest, AgentPatternAgreesWithRegexMatch) {
+  for (const std::string& name : kAwkwardNames) addEntry(name, "group", 1.0, "m");
+  config_->agentPatternIs(GetParam());
+  read();
+  EXPECT_EQ(selectedAgents(), regexSelected(GetParam(), kAwkwardNames));
+}
+
+TEST_P(DotStarTest, MessageGroupPatternAgreesWithRegexMatch) {
+  for (const std::string& name : kAwkwardNames) addEntry("agent", name, 1.0, "m");
+  config_->messageGroupPatternIs(GetParam());
+  read();
+  EXPECT_EQ(selectedGroups(), regexSelected(GetParam(), kAwkwardNames));
+}
+
+INSTANTIATE_TEST_SUITE_P(Patterns, DotStarTest,
+                         ::testing::Values(".*", "(.*)", ".*.*", ".+", ".*t", ".*\\n?", "[^\\n]*",
+                                           "[\\s\\S]*"));
+
+TEST_F(ReadTest, DefaultPatternsLeaveOutNamesWithLineTerminators) {
+  addEntry("a\nb", "group", 1.0, "newline agent");
+  addEntry("agent", "g\r", 2.0, "carriage-return group");
+  addEntry(std::string("a\0b", 3), std::string("g\0h", 3), 3.0, "nul names");
+  read();
+  EXPECT_EQ(statusMessages(), std::vector<std::string>{"nul names"});
+}
+
+// ---- The time window: both ends inclusive, NaN never inside.
+
+struct WindowCase {
+  double min;
+  double max;
+  double t;
+  bool kept;
+};
+
+std::ostream& operator<<(std::ostream& os, const WindowCase& c) {
+  return os << c.t << " in [" << c.min << ", " << c.max << "]";
+}
+
+const WindowCase kWindowCases[] = {
+    {1.0, 2.0, 1.0, true},
+    {1.0, 2.0, 2.0, true},
+    {1.0, 2.0, 1.5, true},
+    {1.0, 2.0, std::nextafter(1.0, 0.0), false},
+    {1.0, 2.0, std::nextafter(2.0, 3.0), false},
+    {2.0, 2.0, 2.0, true},
+    {3.0, 1.0, 2.0, false},  // an inverted window holds nothing
+    {0.0, kInf, 0.0, true},
+    {0.0, kInf, -0.0, true},
+    {0.0, kInf, -1e-300, false},
+    {0.0, kInf, -1.0, false},
+    {0.0, kInf, kInf, true},
+    {0.0, kInf, -kInf, false},
+    {-kInf, kInf, -kInf, true},
+    {0.0, kInf, kNaN, false},
+    {-kInf, kInf, kNaN, false},
+    {kNaN, kInf, 1.0, false},
+    {0.0, kNaN, 1.0, false},
+    {1.7e9, 1.8e9, 1763805600.125, true},
+};
+
+class TimeWindowTest : public ReadTest, public ::testing::WithParamInterface<WindowCase> {};
+
+TEST_P(TimeWindowTest, KeepsEntryExactlyWhenInsideWindow) {
+  addEntry("agent", "group", GetParam().t, "m");
+  config_->minTimestampIs(GetParam().min);
+  config_->maxTimestampIs(GetParam().max);
+  read();
+  EXPECT_EQ(status_->logs(), GetParam().kept ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, TimeWindowTest, ::testing::ValuesIn(kWindowCases));
+
+TEST_F(ReadTest, DefaultWindowDropsNegativeAndNaNTimestampsOnly) {
+  for (double t : {-5.0, 3.0, kNaN, 0.0, -kInf, kInf, -0.5}) addEntry("agent", "group", t, "m");
+  read();
+  std::vector<double> kept;
+  for (const Row& r : statusRows()) kept.push_back(std::get<2>(r));
+  EXPECT_EQ(kept, (std::vector<double>{0.0, 3.0, kInf}));
+}
+
+TEST_F(ReadTest, EntriesAtBothEdgesAreKeptAmongOthers) {
+  for (double t : {0.5, 1.0, 1.5, 2.0, 2.5}) addEntry("agent", "group", t, std::to_string(t));
+  config_->minTimestampIs(1.0);
+  config_->maxTimestampIs(2.0);
+  read();
+  EXPECT_EQ(statusMessages(), (std::vector<std::string>{std::to_string(1.0), std::to_string(1.5),
+                                                        std::to_string(2.0)}));
+}
+
+// ---- Merge order.
+
+class MergeOrderTest : public ReadTest {
+ protected:
+  // Expected rows when every writer holds one entry at the same time: in
+  // visiting order, whatever that order is.
+  std::vector<Row> inVisitOrder(double t) const {
+    std::vector<Row> rows;
+    for (const auto& [agent, group] : visitOrder(*config_)) {
+      rows.emplace_back(agent, group, t, agent + "/" + group);
+    }
+    return rows;
+  }
+};
+
+TEST_F(MergeOrderTest, EntriesComeOutInTimestampOrderAcrossWriters) {
+  addEntry("bgp", "peer", 3.0, "c");
+  addEntry("bgp", "peer", 7.0, "g");
+  addEntry("ospf", "route", 1.0, "a");
+  addEntry("ospf", "route", 5.0, "e");
+  addEntry("isis", "adj", 2.0, "b");
+  addEntry("isis", "adj", 6.0, "f");
+  read();
+  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"a", "b", "c", "e", "f", "g"}));
+}
+
+TEST_F(MergeOrderTest, EqualTimestampsOfTwoWritersKeepVisitingOrder) {
+  for (const char* group : {"peer", "route"})
+    addEntry("bgp", group, 5.0, std::string("bgp/") + group);
+  read();
+  EXPECT_EQ(statusRows(), inVisitOrder(5.0));
+}
+
+TEST_F(MergeOrderTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
+  Qel::Dir::Ptr second = Qel::dirFactory("more agents");
+  config_->dirIs(second);
+  for (const char* agent : {"zeta", "alpha", "mid"}) {
+    for (const char* group : {"w3", "w1", "w2"}) {
+      addEntry(agent, group, 5.0, std::string(agent) + "/" + group);
+      ::addEntry(second, std::string(agent) + "2", group, 5.0, std::string(agent) + "2/" + group);
+    }
+  }
+  read();
+  EXPECT_EQ(statusRows(), inVisitOrder(5.0));
+}
+
+TEST_F(MergeOrderTest, EqualTimestampsWithinOneWriterKeepLogOrder) {
+  for (const char* m : {"first", "second", "third"}) addEntry("agent", "group", 4.0, m);
+  read();
+  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"first", "second", "third"}));
+}
+
+TEST_F(MergeOrderTest, ReaderLogEntryCarriesAgentGroupTimestampAndMessage) {
+  addEntry("bgp", "peer", 12.5, "peer 10.0.0.1 down");
+  read();
+  EXPECT_EQ(statusRows(), (std::vector<Row>{{"bgp", "peer", 12.5, "peer 10.0.0.1 down"}}));
+}
+
+// Writers filled out of time order (restored or streamed logs) still merge
+// into a stable timestamp order.
+struct UnorderedCase {
+  const char* shape;
+  std::vector<double> first;   // timestamps of one writer's log, in log order
+  std::vector<double> second;  // and of a second writer of the same agent
+};
+
+std::ostream& operator<<(std::ostream& os, const UnorderedCase& c) {
+  return os << c.shape;
+}
+
+const UnorderedCase kUnorderedCases[] = {
+    {"descending", {5, 4, 3, 2, 1}, {}},
+    {"mixed", {3, 1, 3, 2, 1}, {}},
+    {"three ascending runs", {1, 2, 3, 1, 2, 3, 1, 2}, {}},
+    {"ties across runs", {2, 1, 2, 1, 2, 1, 2}, {}},
+    {"all equal", {4, 4, 4, 4}, {}},
+    {"single entry runs", {9, 8, 7, 6, 5, 4, 3, 2, 1}, {}},
+    {"two unordered writers", {3, 1, 2}, {2, 3, 1}},
+    {"ordered then descending", {1, 2, 3}, {3, 2, 1}},
+    {"writer continues the other", {1, 2}, {2, 3, 0}},
+};
+
+class UnorderedLogTest : public MergeOrderTest,
+                         public ::testing::WithParamInterface<UnorderedCase> {};
+
+TEST_P(UnorderedLogTest, ComesOutStablySortedByTimestamp) {
+  std::vector<std::pair<double, std::string>> logs[2];
+  const char* groups[2] = {"one", "two"};
+  const std::vector<double>* timestamps[2] = {&GetParam().first, &GetParam().second};
+  for (int w = 0; w < 2; ++w) {
+    if (timestamps[w]->empty()) continue;
+    for (std::size_t k = 0; k < timestamps[w]->size(); ++k) {
+      const std::string message = std::string(groups[w]) + "#" + std::to_string(k);
+      addEntry("agent", groups[w], (*timestamps[w])[k], message);
+      logs[w].emplace_back((*timestamps[w])[k], message);
+    }
+  }
+  // Discovery order is the writers' visiting order, then log order.
+  std::vector<std::pair<double, std::string>> expected;
+  for (const auto& visited : visitOrder(*config_)) {
+    const auto& log = logs[visited.second == groups[0] ? 0 : 1];
+    expected.insert(expected.end(), log.begin(), log.end());
+  }
+  std::stable_sort(expected.begin(), expected.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<std::string> expectedMessages;
+  for (const auto& e : expected) expectedMessages.push_back(e.second);
+  read();
+  EXPECT_EQ(statusMessages(), expectedMessages);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, UnorderedLogTest, ::testing::ValuesIn(kUnorderedCases));
+
+// ---- The status: appended to, never cleared or reordered.
+
+class AppendToStatusTest : public ReadTest {};
+
+TEST_F(AppendToStatusTest, SecondReaderAppendsSeparatelyOrderedRun) {
+  addEntry("agent", "group", 2.0, "first read, late");
+  addEntry("agent", "group", 1.0, "first read, early");
+  read();
+  addEntry("agent", "group", 0.5, "second read, earliest");
+  read();
+  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"first read, early", "first read, late",
+                                                        "second read, earliest",
+                                                        "first read, early", "first read, late"}));
+  EXPECT_EQ(statusIndices(), (std::vector<unsigned int>{0, 1, 2, 3, 4}));
+}
+
+TEST_F(AppendToStatusTest, EntriesFollowWhatTheStatusHeld) {
+  status_->logEnq(KronlogReader::logEntryFactory("held", "held", 99.0, "held"));
+  status_->logIs(7, KronlogReader::logEntryFactory("held", "held", 98.0, "held at 7"));
+  addEntry("agent", "group", 2.0, "b");
+  addEntry("agent", "group", 1.0, "a");
+  read();
+  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"held", "held at 7", "a", "b"}));
+  EXPECT_EQ(statusIndices(), (std::vector<unsigned int>{0, 7, 8, 9}));
+}
+
+TEST_F(AppendToStatusTest, ReadWithNothingSelectedLeavesStatusAsItWas) {
+  status_->logEnq(KronlogReader::logEntryFactory("held", "held", 1.0, "held"));
+  addEntry("agent", "group", 5.0, "m");
+  config_->maxTimestampIs(4.0);
+  read();
+  EXPECT_EQ(statusRows(), (std::vector<Row>{{"held", "held", 1.0, "held"}}));
+  EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 1));
+}
+
+// ---- What a directory holds besides writer directories.
+
+class NonWriterEntityTest : public ReadTest {};
+
+TEST_F(NonWriterEntityTest, PlainDirectoriesAmongAgentsAreSkipped) {
+  dir_->entityIs(Qel::dirFactory("agent0"));
+  addEntry("agent1", "group", 1.0, "from agent1");
+  dir_->entityIs(Qel::dirFactory("agent2"));
+  read();
+  EXPECT_EQ(statusMessages(), std::vector<std::string>{"from agent1"});
+}
+
+TEST_F(NonWriterEntityTest, WriterDirectoriesNestedDeeperAreNotSearched) {
+  Qel::Dir::Ptr nested = Qel::dirFactory("nested");
+  dir_->entityIs(nested);
+  ::addEntry(nested, "deep", "group", 1.0, "deep");
+  addEntry("top", "group", 2.0, "top");
+  read();
+  EXPECT_EQ(statusMessages(), std::vector<std::string>{"top"});
+}
+
+TEST_F(NonWriterEntityTest, EmptyDirectoriesAndWriterlessAgentsGiveNothing) {
+  config_->dirIs(Qel::dirFactory("empty"));
+  agentIn(dir_, "no writers");
+  writerIn(dir_, "agent", "empty writer");
+  read();
+  EXPECT_EQ(status_->logs(), 0u);
+}
+
+// ---- Malformed patterns fail at the first comparison, and only then.
+
+class MalformedPatternTest : public ReadTest {
+ protected:
+  void SetUp() override {
+    status_->logEnq(KronlogReader::logEntryFactory("held", "held", 1.0, "held"));
+    before_ = statusRows();
+  }
+  std::vector<Row> before_;
+};
+
+TEST_F(MalformedPatternTest, BadAgentPatternThrowsAndLeavesStatusUntouched) {
+  addEntry("agent", "group", 1.0, "m");
+  config_->agentPatternIs("(");
+  EXPECT_THROW(read(), std::regex_error);
+  EXPECT_EQ(statusRows(), before_);
+  EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 1));
+}
+
+TEST_F(MalformedPatternTest, BadAgentPatternThrowsForWriterlessAgent) {
+  agentIn(dir_, "agent");
+  config_->agentPatternIs("(");
+  EXPECT_THROW(read(), std::regex_error);
+  EXPECT_EQ(statusRows(), before_);
+}
+
+TEST_F(MalformedPatternTest, BadAgentPatternSucceedsWithoutWriterDirectories) {
+  dir_->entityIs(Qel::dirFactory("not an agent"));
+  config_->dirIs(Qel::dirFactory("empty"));
+  config_->agentPatternIs("(");
+  Config::Ptr noDirs = KronlogReader::configFactory();
+  noDirs->agentPatternIs("(");
+  EXPECT_NO_THROW(read());
+  EXPECT_NO_THROW(KronlogReader::readerFactory(noDirs, status_));
+  EXPECT_EQ(statusRows(), before_);
+}
+
+TEST_F(MalformedPatternTest, BadGroupPatternThrowsOnceAWriterIsCompared) {
+  addEntry("agent", "group", 1.0, "m");
+  addEntry("other", "group", 2.0, "m");
+  config_->messageGroupPatternIs("[");
+  EXPECT_THROW(read(), std::regex_error);
+  EXPECT_EQ(statusRows(), before_);
+}
+
+TEST_F(MalformedPatternTest, BadGroupPatternThrowsAfterEarlierWritersWereCollected) {
+  // Whatever was collected before the failure never reaches the status.
+  addEntry("good", "group", 1.0, "m");
+  addEntry("bad", "group", 2.0, "m");
+  config_->messageGroupPatternIs("a{2,1}");
+  EXPECT_THROW(read(), std::regex_error);
+  EXPECT_EQ(statusRows(), before_);
+}
+
+TEST_F(MalformedPatternTest, BadGroupPatternSucceedsWhenNoAgentMatched) {
+  addEntry("agent", "group", 1.0, "m");
+  config_->agentPatternIs("nobody");
+  config_->messageGroupPatternIs("(");
+  EXPECT_NO_THROW(read());
+  EXPECT_EQ(statusRows(), before_);
+}
+
+TEST_F(MalformedPatternTest, BadGroupPatternSucceedsWhenMatchedAgentHasNoWriters) {
+  agentIn(dir_, "agent");
+  writerIn(dir_, "excluded", "group");
+  config_->agentPatternIs("agent");
+  config_->messageGroupPatternIs("(");
+  EXPECT_NO_THROW(read());
+  EXPECT_EQ(statusRows(), before_);
+}
+
+// ---- Trace sites.
+
+struct Traced {
+  unsigned level;
+  std::string file;
+  int line;
+  std::string function;
+  std::string text;
+
+  auto fields() const { return std::tie(level, file, line, function, text); }
+  bool operator==(const Traced& o) const { return fields() == o.fields(); }
+};
+
+std::ostream& operator<<(std::ostream& os, const Traced& t) {
+  return os << t.level << ' ' << t.file << ':' << t.line << ' ' << t.function << ": \"" << t.text
+            << '"';
+}
+
+class CapturingSink : public Qel::TraceSink {
+ public:
+  void onRecord(const Qel::TraceRecord& r) override {
+    if (r.facility == "Kronlog") {
+      records.push_back({r.level, r.file, r.line, r.function, r.text.stdString()});
+    }
+  }
+  std::vector<Traced> records;
+};
+
+class ReadTraceTest : public ReadTest {
+ protected:
+  void SetUp() override {
+    savedLevels_ = Qel::traceLevels("Kronlog");
+    Qel::traceLevelsIs("Kronlog", 0);
+    Qel::traceSinkIs(&sink_);
+  }
+  void TearDown() override {
+    Qel::traceSinkIs(nullptr);
+    Qel::traceLevelsIs("Kronlog", savedLevels_);
+  }
+  // Enables exactly these levels for the read that follows.
+  void readTracing(std::uint32_t mask) {
+    Qel::traceLevelsIs("Kronlog", mask);
+    read();
+    Qel::traceLevelsIs("Kronlog", 0);
+  }
+  static Traced entry(const std::string& text) {
+    return {1, "KronlogReader", 90, "handleWriter", text};
+  }
+
+  CapturingSink sink_;
+  std::uint32_t savedLevels_ = 0;
+};
+
+TEST_F(ReadTraceTest, LevelZeroTracesEntryWithFullSignature) {
+  addEntry("agent", "group", 1.0, "m");
+  readTracing(1u << 0);
+  EXPECT_EQ(sink_.records, (std::vector<Traced>{{0, "KronlogReader", 29, "doRead",
+                                                 "void KronlogReader::Reader::doRead()"}}));
+}
+
+TEST_F(ReadTraceTest, LevelTwoTracesDefaultWindowOncePerSelectedWriter) {
+  addEntry("agent", "one", 1.0, "m");
+  addEntry("agent", "two", 1.0, "m");
+  addEntry("agent", "skipped", 1.0, "m");
+  config_->messageGroupPatternIs("one|two");
+  readTracing(1u << 2);
+  const Traced window{2, "KronlogReader", 85, "handleWriter",
+                      "handleWriter config->minTimestamp: 0 config->maxTimestamp: inf"};
+  EXPECT_EQ(sink_.records, (std::vector<Traced>{window, window}));
+}
+
+TEST_F(ReadTraceTest, LevelTwoUsesStreamDefaultsForWindowBounds) {
+  addEntry("agent", "group", 1.0, "m");
+  config_->minTimestampIs(1763805600.125);
+  config_->maxTimestampIs(-0.25);
+  readTracing(1u << 2);
+  EXPECT_EQ(sink_.records, (std::vector<Traced>{{2, "KronlogReader", 85, "handleWriter",
+                                                 "handleWriter config->minTimestamp: 1.76381e+09 "
+                                                 "config->maxTimestamp: -0.25"}}));
+}
+
+TEST_F(ReadTraceTest, LevelOneListsEveryEntryExaminedIncludingRejectedOnes) {
+  addEntry("bgp", "peer", -1.0, "too early");
+  addEntry("bgp", "peer", 5.0, "inside");
+  addEntry("bgp", "peer", 100.0, "too late");
+  addEntry("bgp", "peer", kNaN, "no time");
+  config_->maxTimestampIs(10.0);
+  readTracing(1u << 1);
+  EXPECT_EQ(
+      sink_.records,
+      (std::vector<Traced>{
+          entry("handleWriter agentName: bgp messageGroup: peer timestamp: -1 message: too early"),
+          entry("handleWriter agentName: bgp messageGroup: peer timestamp: 5 message: inside"),
+          entry("handleWriter agentName: bgp messageGroup: peer timestamp: 100 message: too late"),
+          entry(
+              "handleWriter agentName: bgp messageGroup: peer timestamp: nan message: no time")}));
+  EXPECT_EQ(statusMessages(), std::vector<std::string>{"inside"});
+}
+
+TEST_F(ReadTraceTest, LevelOneWritesNamesAndMessagesRaw) {
+  const std::string agent("a\0b", 3);
+  const std::string message("x\ny\0z", 5);
+  addEntry(agent, "g'1", 1763805600.125, message);
+  readTracing(1u << 1);
+  EXPECT_EQ(sink_.records, std::vector<Traced>{entry("handleWriter agentName: " + agent +
+                                                     " messageGroup: g'1 timestamp: 1.76381e+09"
+                                                     " message: " +
+                                                     message)});
+}
+
+TEST_F(ReadTraceTest, AllLevelsTraceInReadOrder) {
+  addEntry("agent", "group", 1.0, "m");
+  readTracing(0x7);
+  EXPECT_EQ(
+      sink_.records,
+      (std::vector<Traced>{
+          {0, "KronlogReader", 29, "doRead", "void KronlogReader::Reader::doRead()"},
+          {2, "KronlogReader", 85, "handleWriter",
+           "handleWriter config->minTimestamp: 0 config->maxTimestamp: inf"},
+          entry("handleWriter agentName: agent messageGroup: group timestamp: 1 message: m")}));
+}
+
+TEST_F(ReadTraceTest, NothingIsTracedWithLevelsOff) {
+  addEntry("agent", "group", 1.0, "m");
+  readTracing(0);
+  EXPECT_TRUE(sink_.records.empty());
+  EXPECT_EQ(status_->logs(), 1u);
+}
+
+// ---- Against a plain read over generated directories.
+
+// The read done the plain way: both patterns compiled afresh per writer
+// directory and per writer, one std::multimap for the merge. Returns what the
+// status should hold afterwards, or nothing when the read throws
+// std::regex_error.
+std::optional<std::vector<Row>> plainRead(const Config& config, std::vector<Row> rows) {
+  std::multimap<double, Row> merged;
+  try {
+    for (Config::DirIterator d = config.dirIter(); d; ++d) {
+      for (Qel::Dir::EntityIterator e = d.value()->entityIter(); e; ++e) {
+        auto* agent = dynamic_cast<WriterDir*>(e.member());
+        if (!agent) continue;
+        const std::regex agentRe(config.agentPattern().begin(), config.agentPattern().end());
+        if (!std::regex_match(agent->name().begin(), agent->name().end(), agentRe)) continue;
+        for (WriterDir::WriterIterator w = agent->writerIter(); w; ++w) {
+          const std::regex groupRe(config.messageGroupPattern().begin(),
+                                   config.messageGroupPattern().end());
+          const KronlogWriter::Writer& writer = *w.value();
+          if (!std::regex_match(writer.name().begin(), writer.name().end(), groupRe)) continue;
+          for (auto it = writer.logIterConst(); it; ++it) {
+            const double t = it->entry().timestamp();
+            if (!(config.minTimestamp() <= t && t <= config.maxTimestamp())) continue;
+            merged.insert({t, Row{agent->name().stdString(), writer.name().stdString(), t,
+                                  it->entry().message().stdString()}});
+          }
+        }
+      }
+    }
+  } catch (const std::regex_error&) {
+    return std::nullopt;
+  }
+  for (const auto& [t, row] : merged) rows.push_back(row);
+  return rows;
+}
+
+// Directories, agents, writers and logs drawn from small pools, so that
+// names repeat, timestamps tie, and logs come in and out of time order.
+class Generator {
+ public:
+  explicit Generator(std::uint32_t seed) : rng_(seed) {}
+
+  std::uint32_t below(std::uint32_t n) { return static_cast<std::uint32_t>(rng_() % n); }
+  template <class T, std::size_t N>
+  const T& pick(const T (&pool)[N]) {
+    return pool[below(N)];
+  }
+
+  std::vector<Qel::Dir::Ptr> directories() {
+    std::vector<Qel::Dir::Ptr> dirs;
+    const std::uint32_t n = 1 + below(3);
+    for (std::uint32_t d = 0; d < n; ++d) {
+      Qel::Dir::Ptr dir = Qel::dirFactory(Qel::Name("dir" + std::to_string(d)));
+      for (std::uint32_t k = below(7); k > 0; --k) fillEntity(dir);
+      dirs.push_back(dir);
+    }
+    return dirs;
+  }
+
+  Config::Ptr config(const std::vector<Qel::Dir::Ptr>& dirs) {
+    static const char* const kAgentPatterns[] = {
+        ".*", ".*",     ".*",   "agent[0-9]", "agent.*", "bgp|ospf", "(bgp|ospf)", "a.*",   "",
+        ".+", "[a-z]+", "(.*)", "A.*",        "(",       "[^\\n]*",  ".*1",        ".*\\r?"};
+    static const char* const kGroupPatterns[] = {".*",  ".*",  ".*",     "peer", "peer|route",
+                                                 "p.*", "P.*", "[a-z]+", "",     "(.*)",
+                                                 "[",   ".+",  ".*r"};
+    static const double kWindows[][2] = {{0, kInf}, {0, kInf}, {-kInf, kInf}, {1, 3},      {2, 2},
+                                         {3, 1},    {-1, 0},   {-0.0, 1e9},   {kNaN, kInf}};
+    Config::Ptr c = KronlogReader::configFactory();
+    for (const Qel::Dir::Ptr& d : dirs) {
+      if (below(4) != 0) c->dirIs(d);
+    }
+    c->agentPatternIs(pick(kAgentPatterns));
+    c->messageGroupPatternIs(pick(kGroupPatterns));
+    const auto& window = pick(kWindows);
+    c->minTimestampIs(window[0]);
+    c->maxTimestampIs(window[1]);
+    return c;
+  }
+
+ private:
+  void fillEntity(const Qel::Dir::Ptr& dir) {
+    static const std::string kAgents[] = {
+        "agent0", "agent1", "agent2", "agent10", "Agent1",       "bgp",
+        "ospf",   "a\nb",   "",       "x\ry",    "\xc3\xa4gent", std::string("nul\0x", 5)};
+    const std::string& name = pick(kAgents);
+    if (dir->entity(Qel::Name(name))) return;
+    if (below(6) == 0) {
+      dir->entityIs(Qel::dirFactory(Qel::Name(name)));  // not a writer directory
+      return;
+    }
+    WriterDir::Ptr agent = agentIn(dir, name);
+    for (std::uint32_t w = below(4); w > 0; --w) fillWriter(*agent);
+  }
+
+  void fillWriter(WriterDir& agent) {
+    static const std::string kGroups[] = {"peer", "route", "log", "peer1",
+                                          "Peer", "g\n",   "",    "p\r"};
+    static const double kTimes[] = {-1,  -0.0, 0, 0.5, 1, 1,   1,    2,     2,   2,
+                                    2.5, 3,    3, 5,   8, 1e9, kInf, -kInf, kNaN};
+    const KronlogWriter::Writer::Ptr writer =
+        agent.writerIs(Qel::Name(pick(kGroups)), KronlogWriter::Config());
+    std::vector<double> times(below(12));
+    for (double& t : times) t = pick(kTimes);
+    switch (below(3)) {
+      case 0:  // in time order, as a live writer's log is
+        times.erase(
+            std::remove_if(times.begin(), times.end(), [](double t) { return std::isnan(t); }),
+            times.end());
+        std::stable_sort(times.begin(), times.end());
+        break;
+      case 1:  // descending
+        times.erase(
+            std::remove_if(times.begin(), times.end(), [](double t) { return std::isnan(t); }),
+            times.end());
+        std::stable_sort(times.begin(), times.end(), std::greater<double>());
+        break;
+      default:  // as drawn
+        break;
+    }
+    for (double t : times) {
+      writer->logEnq(KronlogWriter::LogEntry(t, Qel::String("m" + std::to_string(serial_++))));
+    }
+  }
+
+  std::mt19937 rng_;
+  unsigned serial_ = 0;
+};
+
+class PlainReadEquivalenceTest : public ::testing::TestWithParam<std::uint32_t> {};
+
+TEST_P(PlainReadEquivalenceTest, StatusMatchesPlainReadForGeneratedDirectories) {
+  Generator gen(GetParam());
+  const std::vector<Qel::Dir::Ptr> dirs = gen.directories();
+  for (int round = 0; round < 12; ++round) {
+    Config::Ptr config = gen.config(dirs);
+    Status::Ptr status = KronlogReader::statusFactory();
+    for (std::uint32_t k = gen.below(3); k > 0; --k) {
+      status->logEnq(KronlogReader::logEntryFactory("held", "held", 1.0, "held"));
+    }
+    const std::vector<Row> before = rowsOf(*status);
+    const std::optional<std::vector<Row>> expected = plainRead(*config, before);
+    SCOPED_TRACE("round " + std::to_string(round) + ", agent pattern \"" +
+                 config->agentPattern().stdString() + "\", group pattern \"" +
+                 config->messageGroupPattern().stdString() + "\"");
+    if (expected) {
+      ASSERT_NO_THROW(KronlogReader::readerFactory(config, status));
+      ASSERT_EQ(rowsOf(*status), *expected);
+    } else {
+      ASSERT_THROW(KronlogReader::readerFactory(config, status), std::regex_error);
+      ASSERT_EQ(rowsOf(*status), before);
+    }
+  }
+}
+
+TEST_P(PlainReadEquivalenceTest, LongInterleavedLogsMatchPlainRead) {
+  // Many writers with long logs of few distinct timestamps: many runs and
+  // many ties for the merge.
+  std::mt19937 rng(GetParam());
+  Qel::Dir::Ptr dir = Qel::dirFactory("agents");
+  for (int a = 0; a < 5; ++a) {
+    for (int w = 0; w < 4; ++w) {
+      const std::string agent = "agent" + std::to_string(a);
+      const std::string group = "group" + std::to_string(w);
+      const bool ordered = rng() % 4 != 0;
+      double t = 0;
+      for (int k = 0; k < 200; ++k) {
+        t = ordered ? t + static_cast<double>(rng() % 2) : static_cast<double>(rng() % 50);
+        addEntry(dir, agent, group, t, agent + "/" + group + "#" + std::to_string(k));
+      }
+    }
+  }
+  Config::Ptr config = KronlogReader::configFactory();
+  config->dirIs(dir);
+  config->minTimestampIs(static_cast<double>(rng() % 10));
+  config->maxTimestampIs(40 + static_cast<double>(rng() % 100));
+  Status::Ptr status = KronlogReader::statusFactory();
+  const std::optional<std::vector<Row>> expected = plainRead(*config, {});
+  ASSERT_TRUE(expected);
+  KronlogReader::readerFactory(config, status);
+  EXPECT_EQ(rowsOf(*status), *expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, PlainReadEquivalenceTest, ::testing::Range<std::uint32_t>(1, 41));
+
+}  // namespace
