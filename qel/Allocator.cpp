@@ -6,17 +6,6 @@
 
 #include "qel/Ptr.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define QEL_POOLING 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QEL_POOLING 0
-#endif
-#endif
-#ifndef QEL_POOLING
-#define QEL_POOLING 1
-#endif
-
 namespace Qel {
 
 namespace {
@@ -56,11 +45,11 @@ TypeAllocator::TypeAllocator(const char* typeName, std::size_t objectSize)
   allocatorList().push_back(this);
 }
 
-void* TypeAllocator::allocate(std::size_t size) {
+void* TypeAllocator::allocateSlow(std::size_t size) {
   Guard guard(busy_);
   ++allocations_;
   ++live_;
-  if (QEL_POOLING && size <= objectSize_ && free_) {
+  if (kPooling && size <= objectSize_ && free_) {
     FreeNode* n = free_;
     free_ = n->next;
     return n;
@@ -74,11 +63,11 @@ void* TypeAllocator::allocate(std::size_t size) {
   return p;
 }
 
-void TypeAllocator::deallocate(void* p, std::size_t size) noexcept {
+void TypeAllocator::deallocateSlow(void* p, std::size_t size) noexcept {
   if (!p) return;
   Guard guard(busy_);
   --live_;
-  if (QEL_POOLING && size <= objectSize_) {
+  if (kPooling && size <= objectSize_) {
     // Invariant: every block of this allocator is at least objectSize_ bytes,
     // which is at least one FreeNode.
     FreeNode* n = static_cast<FreeNode*>(p);

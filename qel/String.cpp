@@ -45,28 +45,8 @@ String& String::operator=(String&& o) noexcept {
   return *this;
 }
 
-void String::newRef() const noexcept {
-  if (!rep_) return;
-  // Same rules as PtrInterface: relaxed increments, acq_rel decrements when
-  // strings may be shared across threads, plain updates otherwise.
-  if (VFPtrInterface::enableThreadSafePointers) {
-    rep_->refs.fetch_add(1, std::memory_order_relaxed);
-  } else {
-    rep_->refs.store(rep_->refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  }
-}
-
-void String::deleteRef() noexcept {
-  if (!rep_) return;
-  std::uint32_t left;
-  if (VFPtrInterface::enableThreadSafePointers) {
-    left = rep_->refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
-  } else {
-    left = rep_->refs.load(std::memory_order_relaxed) - 1;
-    rep_->refs.store(left, std::memory_order_relaxed);
-  }
-  if (left == 0) std::free(rep_);
-  rep_ = nullptr;
+void String::release(Rep* rep) noexcept {
+  std::free(rep);
 }
 
 std::ostream& operator<<(std::ostream& os, const String& s) {

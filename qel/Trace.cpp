@@ -145,9 +145,8 @@ TraceHelper::TraceHelper(TraceHandle& handle, TraceFacility::FacilityLevel level
 
 TraceHelper::~TraceHelper() = default;
 
-TraceHelper* TraceHelper::createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
-                                          void* storage) {
-  if (!handle.enabled(level)) return nullptr;
+TraceHelper* TraceHelper::create(TraceHandle& handle, TraceFacility::FacilityLevel level,
+                                 void* storage) {
   return new (storage) TraceHelper(handle, level);
 }
 

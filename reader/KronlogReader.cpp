@@ -139,7 +139,8 @@ LogEntry::Ptr Status::log(unsigned int index) const {
 
 void Status::logEnq(LogEntry::Ptr const& entry) {
   const unsigned int index = log_.effectiveNextIndex();
-  newLog(index, entry);
+  Qel::Ptr<QelLog> m(new QelLog(index, entry));
+  log_.append(m.ptr());  // what newLog(index, entry) does at the next index
   logNotify(index);
 }
 

@@ -9,25 +9,25 @@
 
 #include "qel/Trace.h"
 
-#define KRONLOG_TRACE_HANDLE()                               \
-  namespace {                                                \
-  [[maybe_unused]] Qel::TraceHandle& _defaultTraceHandle() { \
-    static Qel::TraceHandle handle("Kronlog", false);        \
-    return handle;                                           \
-  }                                                          \
+#define KRONLOG_TRACE_HANDLE()                                                                     \
+  namespace {                                                                                      \
+  [[maybe_unused]] inline __attribute__((always_inline)) Qel::TraceHandle& _defaultTraceHandle() { \
+    static Qel::TraceHandle handle("Kronlog", false);                                              \
+    return handle;                                                                                 \
+  }                                                                                                \
   }
 
 // KRONLOG_TRACE(1, "KronlogWriter", 17, "eventIs", << "eventIs size: " << n);
-#define KRONLOG_TRACE(level, file, line, function, pieces)                                   \
-  do {                                                                                       \
-    ::Qel::TraceHelperStorage qelTraceStorage_;                                              \
-    ::Qel::TraceHelper* qelTraceHelper_ =                                                    \
+#define KRONLOG_TRACE(level, file, line, function, pieces)                                      \
+  do {                                                                                          \
+    ::Qel::TraceHelperStorage qelTraceStorage_;                                                 \
+    ::Qel::TraceHelper* qelTraceHelper_ =                                                       \
         ::Qel::TraceHelper::createIfEnabled(_defaultTraceHandle(), (level), &qelTraceStorage_); \
-    if (qelTraceHelper_) {                                                                   \
-      ::Qel::EnsureTraceHelperIsDestroyed qelTraceGuard_(qelTraceHelper_);                   \
-      qelTraceHelper_->stream pieces;                                                        \
-      qelTraceHelper_->trace((file), (line), (function));                                    \
-    }                                                                                        \
+    if (qelTraceHelper_) {                                                                      \
+      ::Qel::EnsureTraceHelperIsDestroyed qelTraceGuard_(qelTraceHelper_);                      \
+      qelTraceHelper_->stream pieces;                                                           \
+      qelTraceHelper_->trace((file), (line), (function));                                       \
+    }                                                                                           \
   } while (0)
 
 #endif  // KRONLOG_SUPPORT_TRACESITE_H

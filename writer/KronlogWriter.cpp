@@ -30,7 +30,9 @@ Qel::String stringValue(OverflowActionType value) {
   return Qel::enumToStrep(*overflowActionType(), value);
 }
 
-Qel::String valueToStrep(const OverflowActionType& value) { return stringValue(value); }
+Qel::String valueToStrep(const OverflowActionType& value) {
+  return stringValue(value);
+}
 
 std::ostream& operator<<(std::ostream& os, const OverflowActionType& value) {
   return os << stringValue(value);
@@ -89,8 +91,7 @@ std::ostream& operator<<(std::ostream& os, const LogEntry& value) {
 
 // ---- Config
 
-Config::Config(Qel::String8::IteratorConst& it, const Qel::String8::IteratorConst& end)
-    : Config() {
+Config::Config(Qel::String8::IteratorConst& it, const Qel::String8::IteratorConst& end) : Config() {
   Qel::needString(it, end, "Value('KronlogWriter::Config', ** {");
   Qel::needString(it, end, "'size': ");
   Qel::deserializeAttr(it, end, &size_, "size");
@@ -191,12 +192,14 @@ LogEntry Writer::log(unsigned int index) const {
   return m ? m->entry() : LogEntry();
 }
 
-void Writer::logEnq(const LogEntry& entry) { logEnq(LogEntry(entry)); }
+void Writer::logEnq(const LogEntry& entry) {
+  logEnq(LogEntry(entry));
+}
 
 void Writer::logEnq(LogEntry&& entry) {
   const unsigned int index = log_.effectiveNextIndex();
   Qel::Ptr<QelLog> m(new QelLog(index, std::move(entry)));
-  log_.doMemberIs(index, m.ptr(), false);
+  log_.append(m.ptr());
   notifyLog(index);
 }
 
@@ -205,6 +208,13 @@ LogEntry Writer::logDeq() {
   if (!m) return LogEntry();
   notifyLog(m->index());
   return m->entry();
+}
+
+void Writer::logEvict() {
+  // logDeq without handing back a copy of the entry: recording evicts once
+  // per event on a full log, and the copy would be thrown away.
+  Qel::Ptr<QelLog> m = log_.deq();
+  if (m) notifyLog(m->index());
 }
 
 Qel::Ptr<Writer::QelLog> Writer::newLog(unsigned int index, const LogEntry& entry) {
@@ -257,7 +267,7 @@ void handleExcessiveLogEntries(Writer& writer) {
       // By index, not by position: the log is expected to be numbered from 0.
       writer.logDel(len - 1);
     } else {
-      writer.logDeq();
+      writer.logEvict();
     }
     writer.overflowCountInc(1);
     len = writer.logs();
@@ -283,7 +293,7 @@ bool isLogEntryAllowed(Writer& writer) {
     writer.overflowCountInc(1);
     return false;
   }
-  writer.logDeq();
+  writer.logEvict();
   writer.overflowCountInc(1);
   return true;
 }
@@ -319,7 +329,9 @@ WriterDir::Ptr WriterDir::WriterDirIs(const Qel::Name& name) {
   return d;
 }
 
-WriterDir::Ptr writerDirFactory(const Qel::Name& name) { return WriterDir::WriterDirIs(name); }
+WriterDir::Ptr writerDirFactory(const Qel::Name& name) {
+  return WriterDir::WriterDirIs(name);
+}
 
 Qel::NotifieeListBase* WriterDir::notifieeList() const {
   return const_cast<Qel::NotifieeListBase*>(&notifiees_);
@@ -395,7 +407,9 @@ Qel::Ptr<Qel::ValueBoxBase> parsed(const Qel::String& text) {
   return boxed(std::move(value));
 }
 
-const Writer& asWriter(const Qel::PtrInterface& o) { return static_cast<const Writer&>(o); }
+const Writer& asWriter(const Qel::PtrInterface& o) {
+  return static_cast<const Writer&>(o);
+}
 
 const bool registered = [] {
   using Qel::TypeNode;
@@ -416,12 +430,17 @@ const bool registered = [] {
   Qel::typeNodeIs(entry);
 
   Qel::Ptr<TypeNode> writer(new TypeNode("KronlogWriter::Writer", TypeNode::Kind::entity));
-  writer->attributeIs("name", [](const Qel::PtrInterface& o) { return Qel::valueToStrep(asWriter(o).name()); })
-      .attributeIs("config", [](const Qel::PtrInterface& o) { return valueToStrep(asWriter(o).config()); })
-      .attributeIs("overflowCount",
-                   [](const Qel::PtrInterface& o) { return Qel::valueToStrep(asWriter(o).overflowCount()); })
-      .attributeIs("logMetadata",
-                   [](const Qel::PtrInterface& o) { return valueToStrep(asWriter(o).logMetadata()); });
+  writer
+      ->attributeIs(
+          "name", [](const Qel::PtrInterface& o) { return Qel::valueToStrep(asWriter(o).name()); })
+      .attributeIs("config",
+                   [](const Qel::PtrInterface& o) { return valueToStrep(asWriter(o).config()); })
+      .attributeIs(
+          "overflowCount",
+          [](const Qel::PtrInterface& o) { return Qel::valueToStrep(asWriter(o).overflowCount()); })
+      .attributeIs("logMetadata", [](const Qel::PtrInterface& o) {
+        return valueToStrep(asWriter(o).logMetadata());
+      });
   Qel::typeNodeIs(writer);
 
   Qel::Ptr<TypeNode> config(new TypeNode("KronlogWriter::Config", TypeNode::Kind::value));

@@ -34,8 +34,8 @@ class KRONLOG_EXPORT LogEntry : public Qel::PtrInterface {
 
   LogEntry(Qel::String8 agentName, Qel::String8 messageGroup, double const& timestamp,
            Qel::String8 message) noexcept;
-  static Ptr LogEntryIs(Qel::String8 agentName, Qel::String8 messageGroup,
-                        double const& timestamp, Qel::String8 message);
+  static Ptr LogEntryIs(Qel::String8 agentName, Qel::String8 messageGroup, double const& timestamp,
+                        Qel::String8 message);
 
   const Qel::String& agentName() const noexcept { return agentName_; }
   const Qel::String& messageGroup() const noexcept { return messageGroup_; }

@@ -194,6 +194,8 @@ class KRONLOG_EXPORT Writer : public Qel::Entity {
   void logEnq(LogEntry&& entry);
   // Removes the oldest entry and returns it; default entry when empty.
   LogEntry logDeq();
+  // The same, without returning the entry.
+  void logEvict();
   // Inserts (or replaces) the node at `index` without notifying; throws
   // Qel::RangeException "linkqueue index space full" when no index is left.
   Qel::Ptr<QelLog> newLog(unsigned int index, const LogEntry& entry);

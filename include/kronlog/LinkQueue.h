@@ -102,21 +102,7 @@ class LinkQueue {
     }
     const Index next = effectiveNextIndex();
     if (index == next) {
-      if (!m) return;
-      if (head_) {
-        if (static_cast<Index>(next + 1) == headIndex_) throwLinkQueueIndexSpaceFull();
-        tail_->next_ = m;
-      } else {
-        if (headIndex_ == static_cast<Index>(next + 1)) throwLinkQueueIndexSpaceFull();
-        head_ = m;
-        headIndex_ = next;
-      }
-      m->next_ = nullptr;
-      m->index_ = next;
-      tail_ = m;
-      nextIndex_ = next + 1;
-      ++version_;
-      ++count_;
+      if (m) appendAt(next, m);
       return;
     }
     if (!m) {
@@ -155,6 +141,11 @@ class LinkQueue {
     }
     ++version_;
   }
+
+  // Appends `m`, which must not be linked, at the effective next index: what
+  // doMemberIs does for that index, without deciding which case it is in.
+  // Throws like doMemberIs when the index space is full.
+  void append(Member* m) { appendAt(effectiveNextIndex(), m); }
 
   // Unlinks the member with `index`; returns it, or null when absent.
   Ptr<Member> _memberDel(const Index& index) {
@@ -307,6 +298,26 @@ class LinkQueue {
   Iterator iterator() { return Iterator(*this); }
 
  private:
+  // Invariant on entry: `next` is the effective next index and `m` is not
+  // linked. Appending must leave at least one index free between the new
+  // tail and the head, or the queue could no longer tell full from empty.
+  void appendAt(Index next, Member* m) {
+    if (head_) {
+      if (static_cast<Index>(next + 1) == headIndex_) throwLinkQueueIndexSpaceFull();
+      tail_->next_ = m;
+    } else {
+      if (headIndex_ == static_cast<Index>(next + 1)) throwLinkQueueIndexSpaceFull();
+      head_ = m;
+      headIndex_ = next;
+    }
+    m->next_ = nullptr;
+    m->index_ = next;
+    tail_ = m;
+    nextIndex_ = next + 1;
+    ++version_;
+    ++count_;
+  }
+
   // The three shortcuts for callers that know where `m` goes. They change
   // neither the version nor the member count; false means "walk instead".
   bool placeByHint(const Index& index, Member* m, Index next) {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "qel/Export.h"
+#include "qel/Ptr.h"
 
 namespace Qel {
 
@@ -26,8 +27,31 @@ class QEL_EXPORT TypeAllocator {
   TypeAllocator(const TypeAllocator&) = delete;
   TypeAllocator& operator=(const TypeAllocator&) = delete;
 
-  void* allocate(std::size_t size);
-  void deallocate(void* p, std::size_t size) noexcept;
+  // The fast paths are inline: on a steady state every allocation is a pop
+  // from the free list and every release a push. Objects of another size,
+  // an empty list and thread-safe mode take the out-of-line paths.
+  void* allocate(std::size_t size) {
+    if (kPooling && free_ && size <= objectSize_ && !VFPtrInterface::enableThreadSafePointers) {
+      FreeNode* n = free_;
+      free_ = n->next;
+      ++allocations_;
+      ++live_;
+      return n;
+    }
+    return allocateSlow(size);
+  }
+  void deallocate(void* p, std::size_t size) noexcept {
+    if (kPooling && p && size <= objectSize_ && !VFPtrInterface::enableThreadSafePointers) {
+      // Invariant: every block of this allocator is at least objectSize_
+      // bytes, which is at least one FreeNode.
+      FreeNode* n = static_cast<FreeNode*>(p);
+      n->next = free_;
+      free_ = n;
+      --live_;
+      return;
+    }
+    deallocateSlow(p, size);
+  }
 
   const char* typeName() const noexcept { return typeName_; }
   std::size_t objectSize() const noexcept { return objectSize_; }
@@ -40,6 +64,14 @@ class QEL_EXPORT TypeAllocator {
   struct FreeNode {
     FreeNode* next;
   };
+#if defined(__SANITIZE_ADDRESS__)
+  // Freed blocks go back to the system, so that a use after free is caught.
+  static constexpr bool kPooling = false;
+#else
+  static constexpr bool kPooling = true;
+#endif
+  void* allocateSlow(std::size_t size);
+  void deallocateSlow(void* p, std::size_t size) noexcept;
   const char* typeName_;
   std::size_t objectSize_;
   FreeNode* free_ = nullptr;

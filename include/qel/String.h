@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "qel/Export.h"
+#include "qel/Ptr.h"
 
 namespace Qel {
 
@@ -52,8 +53,30 @@ class QEL_EXPORT String {
     std::uint32_t size;
     char chars[1];
   };
-  void newRef() const noexcept;
-  void deleteRef() noexcept;
+  // Inline: strings are copied and dropped on every recorded event. The
+  // counting rules are PtrInterface's (see Ptr.h).
+  void newRef() const noexcept {
+    if (!rep_) return;
+    if (threadSafe()) {
+      rep_->refs.fetch_add(1, std::memory_order_relaxed);
+    } else {
+      rep_->refs.store(rep_->refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+  }
+  void deleteRef() noexcept {
+    if (!rep_) return;
+    std::uint32_t left;
+    if (threadSafe()) {
+      left = rep_->refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    } else {
+      left = rep_->refs.load(std::memory_order_relaxed) - 1;
+      rep_->refs.store(left, std::memory_order_relaxed);
+    }
+    if (left == 0) release(rep_);
+    rep_ = nullptr;
+  }
+  static bool threadSafe() noexcept { return VFPtrInterface::enableThreadSafePointers; }
+  static void release(Rep* rep) noexcept;
   Rep* rep_;
 };
 

@@ -77,8 +77,11 @@ class QEL_EXPORT TraceHelper {
   // Null when `handle`'s facility is off at `level`; otherwise a helper
   // built in `storage` (at least sizeof(TraceHelper) bytes, suitably
   // aligned: see TraceHelperStorage), to be destroyed by the caller.
+  // Inline so that a disabled site costs this call's test and nothing more.
   static TraceHelper* createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
-                                      void* storage);
+                                      void* storage) {
+    return handle.enabled(level) ? create(handle, level, storage) : nullptr;
+  }
   ~TraceHelper();
   TraceHelper(const TraceHelper&) = delete;
   TraceHelper& operator=(const TraceHelper&) = delete;
@@ -90,6 +93,8 @@ class QEL_EXPORT TraceHelper {
 
  private:
   TraceHelper(TraceHandle& handle, TraceFacility::FacilityLevel level);
+  static TraceHelper* create(TraceHandle& handle, TraceFacility::FacilityLevel level,
+                             void* storage);
   TraceHandle& handle_;
   TraceFacility::FacilityLevel level_;
 };

@@ -1,0 +1,734 @@
+// Tests of the writer: recording events under both overflow policies (with
+// the order of the notifications they cause), the attribute and log surface
+// that readers, restorers and the streaming side use, the clock reads, the
+// trace records of eventIs, and that log nodes are released.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "kronlog/KronlogWriter.h"
+#include "qel/Allocator.h"
+#include "qel/Exception.h"
+#include "qel/Trace.h"
+#include "qel/Type.h"
+
+namespace {
+
+using KronlogWriter::Config;
+using KronlogWriter::keepFirstEntries;
+using KronlogWriter::keepLastEntries;
+using KronlogWriter::LogEntry;
+using KronlogWriter::OverflowActionType;
+using KronlogWriter::Writer;
+using LogMetadata = Writer::LogMetadata;
+using Strings = std::vector<std::string>;
+using Indices = std::vector<unsigned>;
+
+// ---- A clock that counts its reads. Each read returns the current value and
+// then moves it on by the step.
+
+Qel::Seconds gClockNow = 0;
+Qel::Seconds gClockStep = 0;
+int gClockReads = 0;
+
+Qel::Seconds fakeNow() {
+  ++gClockReads;
+  const Qel::Seconds now = gClockNow;
+  gClockNow += gClockStep;
+  return now;
+}
+
+// Hears every change of a writer, in order, as text ("log 3",
+// "overflowCount 2", "logMetadata").
+class Recorder : public Writer::Notifiee {
+ public:
+  explicit Recorder(const Writer::Ptr& w) { notifierIs(w); }
+  using Writer::Notifiee::onLog;
+  void onLog(unsigned int index) override { heard.push_back("log " + std::to_string(index)); }
+  void onOverflowCount() override {
+    heard.push_back("overflowCount " + std::to_string(notifier()->overflowCount()));
+  }
+  void onLogMetadata() override { heard.push_back("logMetadata"); }
+  Strings heard;
+};
+
+class WriterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    gClockNow = 1763805600.25;
+    gClockStep = 1.0;
+    gClockReads = 0;
+    Qel::utcNowFunctionIs(&fakeNow);
+  }
+  void TearDown() override { Qel::utcNowFunctionIs(nullptr); }
+
+  static Writer::Ptr writer(unsigned size, OverflowActionType action) {
+    return KronlogWriter::writerFactory("w", Config(size, action));
+  }
+
+  // Records "event <k>" for k in [first, last].
+  static void events(Writer& w, int first, int last) {
+    for (int k = first; k <= last; ++k) w.eventIs(Qel::String("event " + std::to_string(k)));
+  }
+
+  // Appends "entry <k>" stamped k, for k in [0, n), bypassing the policy.
+  static void enqueue(Writer& w, int n) {
+    for (int k = 0; k < n; ++k) w.logEnq(LogEntry(k, Qel::String("entry " + std::to_string(k))));
+  }
+
+  static Strings messages(const Writer& w) {
+    Strings out;
+    for (auto it = w.logIterConst(); it; ++it) out.push_back(it->entry().message().stdString());
+    return out;
+  }
+
+  static Indices indices(const Writer& w) {
+    Indices out;
+    for (auto it = w.logIterConst(); it; ++it) out.push_back(it->index());
+    return out;
+  }
+};
+
+// ---- eventIs, the same under both policies
+
+class EventEitherPolicyTest : public WriterTest,
+                              public ::testing::WithParamInterface<OverflowActionType> {};
+
+TEST_P(EventEitherPolicyTest, SizeZeroNeverStoresAndCountsOneOverflowPerEvent) {
+  Writer::Ptr w = writer(0, GetParam());
+  Recorder r(w);
+  events(*w, 1, 3);
+  EXPECT_EQ(w->logs(), 0u);
+  EXPECT_EQ(w->overflowCount(), 3u);
+  EXPECT_EQ(w->logMetadata(), LogMetadata(0, 0));
+  EXPECT_EQ(r.heard, (Strings{"overflowCount 1", "overflowCount 2", "overflowCount 3"}));
+}
+
+TEST_P(EventEitherPolicyTest, FillingExactlyToSizeKeepsEveryEvent) {
+  Writer::Ptr w = writer(3, GetParam());
+  events(*w, 1, 3);
+  EXPECT_EQ(messages(*w), (Strings{"event 1", "event 2", "event 3"}));
+  EXPECT_EQ(indices(*w), (Indices{0, 1, 2}));
+  EXPECT_EQ(w->overflowCount(), 0u);
+  EXPECT_EQ(w->logMetadata(), LogMetadata(0, 3));
+}
+
+TEST_P(EventEitherPolicyTest, AppendNotifiesTheNewIndexOnly) {
+  Writer::Ptr w = writer(3, GetParam());
+  Recorder r(w);
+  events(*w, 1, 2);
+  EXPECT_EQ(r.heard, (Strings{"log 0", "log 1"}));
+}
+
+TEST_P(EventEitherPolicyTest, AdmittedEventReadsTheClockExactlyOnce) {
+  Writer::Ptr w = writer(2, GetParam());
+  for (int k = 1; k <= 2; ++k) {
+    const int before = gClockReads;
+    w->eventIs("e");
+    EXPECT_EQ(gClockReads - before, 1) << "event " << k;
+  }
+}
+
+TEST_P(EventEitherPolicyTest, TimestampsComeFromTheClock) {
+  Writer::Ptr w = writer(5, GetParam());
+  events(*w, 1, 2);
+  EXPECT_EQ(w->log(0), LogEntry(1763805600.25, "event 1"));
+  EXPECT_EQ(w->log(1), LogEntry(1763805601.25, "event 2"));
+}
+
+TEST_P(EventEitherPolicyTest, OverflowCountWrapsPastTheLargestCount) {
+  Writer::Ptr w = writer(0, GetParam());
+  w->overflowCountIs(4294967295u);
+  events(*w, 1, 2);
+  EXPECT_EQ(w->overflowCount(), 1u);
+}
+
+TEST_P(EventEitherPolicyTest, MessageIsStoredByteForByte) {
+  Writer::Ptr w = writer(1, GetParam());
+  const Qel::String message("nul\0inside\n", 11);
+  w->eventIs(message);
+  EXPECT_EQ(w->log(0).message(), message);
+}
+
+INSTANTIATE_TEST_SUITE_P(Policies, EventEitherPolicyTest,
+                         ::testing::Values(keepFirstEntries, keepLastEntries),
+                         [](const ::testing::TestParamInfo<OverflowActionType>& p) {
+                           return KronlogWriter::stringValue(p.param).stdString();
+                         });
+
+// ---- eventIs on a full log
+
+class EventOnFullLogTest : public WriterTest {};
+
+TEST_F(EventOnFullLogTest, KeepLastFiveEventsInSizeThreeKeepsTheLastThree) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  events(*w, 1, 5);
+  EXPECT_EQ(messages(*w), (Strings{"event 3", "event 4", "event 5"}));
+  EXPECT_EQ(indices(*w), (Indices{2, 3, 4}));
+  EXPECT_EQ(w->overflowCount(), 2u);
+  EXPECT_EQ(w->logMetadata(), LogMetadata(2, 5));
+}
+
+TEST_F(EventOnFullLogTest, KeepFirstFiveEventsInSizeThreeKeepsTheFirstThree) {
+  Writer::Ptr w = writer(3, keepFirstEntries);
+  events(*w, 1, 5);
+  EXPECT_EQ(messages(*w), (Strings{"event 1", "event 2", "event 3"}));
+  EXPECT_EQ(indices(*w), (Indices{0, 1, 2}));
+  EXPECT_EQ(w->overflowCount(), 2u);
+  EXPECT_EQ(w->logMetadata(), LogMetadata(0, 3));
+}
+
+TEST_F(EventOnFullLogTest, KeepLastEvictsTheOldestBeforeAppending) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  events(*w, 1, 3);
+  Recorder r(w);
+  events(*w, 4, 4);
+  EXPECT_EQ(r.heard, (Strings{"log 0", "overflowCount 1", "log 3"}));
+}
+
+TEST_F(EventOnFullLogTest, KeepFirstDropsTheEventWithoutReadingTheClock) {
+  Writer::Ptr w = writer(3, keepFirstEntries);
+  events(*w, 1, 3);
+  Recorder r(w);
+  const int before = gClockReads;
+  events(*w, 4, 4);
+  EXPECT_EQ(gClockReads, before);
+  EXPECT_EQ(r.heard, (Strings{"overflowCount 1"}));
+}
+
+TEST_F(EventOnFullLogTest, SizeZeroDoesNotReadTheClock) {
+  Writer::Ptr w = writer(0, keepLastEntries);
+  events(*w, 1, 2);
+  EXPECT_EQ(gClockReads, 0);
+}
+
+TEST_F(EventOnFullLogTest, SteadyStateHoldsExactlySizeNodes) {
+  const std::uint64_t before = Qel::liveObjects("KronlogWriter::Writer::QelLog");
+  Writer::Ptr w = writer(3, keepLastEntries);
+  events(*w, 1, 1000);
+  EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer::QelLog") - before, 3u);
+  EXPECT_EQ(w->overflowCount(), 997u);
+}
+
+// ---- eventIs on a log holding more entries than its size (filled with
+// logEnq, as restores and streamed copies do)
+
+class EventOnOverfullLogTest : public WriterTest {
+ protected:
+  // Size 2, holding indices 0..3.
+  Writer::Ptr overfull(OverflowActionType action) {
+    Writer::Ptr w = writer(2, action);
+    enqueue(*w, 4);
+    return w;
+  }
+};
+
+TEST_F(EventOnOverfullLogTest, KeepLastTrimsTheOldestThenEvictsAndAppendsAtTheNextIndex) {
+  Writer::Ptr w = overfull(keepLastEntries);
+  Recorder r(w);
+  w->eventIs("new");
+  EXPECT_EQ(r.heard, (Strings{"log 0", "overflowCount 1", "log 1", "overflowCount 2", "log 2",
+                              "overflowCount 3", "log 4"}));
+  EXPECT_EQ(messages(*w), (Strings{"entry 3", "new"}));
+  EXPECT_EQ(indices(*w), (Indices{3, 4}));
+}
+
+TEST_F(EventOnOverfullLogTest, KeepFirstTrimsTheNewestByIndexThenDrops) {
+  Writer::Ptr w = overfull(keepFirstEntries);
+  Recorder r(w);
+  w->eventIs("new");
+  EXPECT_EQ(r.heard,
+            (Strings{"log 3", "overflowCount 1", "log 2", "overflowCount 2", "overflowCount 3"}));
+  EXPECT_EQ(messages(*w), (Strings{"entry 0", "entry 1"}));
+  EXPECT_EQ(w->logMetadata(), LogMetadata(0, 2));
+}
+
+TEST_F(EventOnOverfullLogTest, TrimmingToBelowSizeAdmitsWithoutEviction) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  enqueue(*w, 4);
+  w->eventIs("new");
+  EXPECT_EQ(indices(*w), (Indices{2, 3, 4}));
+  EXPECT_EQ(w->overflowCount(), 2u);
+}
+
+// ---- Attributes
+
+class WriterAttributeTest : public WriterTest {};
+
+TEST_F(WriterAttributeTest, NewWriterIsEmpty) {
+  Writer::Ptr w = KronlogWriter::writerFactory("peer", Config(7, keepFirstEntries));
+  EXPECT_EQ(w->name(), "peer");
+  EXPECT_EQ(w->config(), Config(7, keepFirstEntries));
+  EXPECT_EQ(w->overflowCount(), 0u);
+  EXPECT_EQ(w->logs(), 0u);
+  EXPECT_EQ(w->logMetadata(), LogMetadata(0, 0));
+}
+
+TEST_F(WriterAttributeTest, OverflowCountIncReturnsTheNewValueAndNotifies) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  Recorder r(w);
+  EXPECT_EQ(w->overflowCountInc(5), 5u);
+  EXPECT_EQ(r.heard, (Strings{"overflowCount 5"}));
+}
+
+TEST_F(WriterAttributeTest, OverflowCountIncWrapsModulo2To32) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  w->overflowCountIs(4294967290u);
+  EXPECT_EQ(w->overflowCountInc(10), 4u);
+  EXPECT_EQ(w->overflowCountInc(4294967295u), 3u);
+}
+
+TEST_F(WriterAttributeTest, OverflowCountIncByZeroDoesNotNotify) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  w->overflowCountIs(4);
+  Recorder r(w);
+  EXPECT_EQ(w->overflowCountInc(0), 4u);
+  EXPECT_TRUE(r.heard.empty());
+}
+
+TEST_F(WriterAttributeTest, OverflowCountIsNotifiesOnlyOnChange) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  Recorder r(w);
+  w->overflowCountIs(0);
+  w->overflowCountIs(9);
+  w->overflowCountIs(9);
+  EXPECT_EQ(r.heard, (Strings{"overflowCount 9"}));
+}
+
+TEST_F(WriterAttributeTest, LogMetadataIsAlwaysNotifies) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  Recorder r(w);
+  w->logMetadataIs(LogMetadata(0, 0));
+  w->logMetadataIs(LogMetadata(7, 7));
+  w->logMetadataIs(LogMetadata(7, 7));
+  EXPECT_EQ(r.heard, (Strings{"logMetadata", "logMetadata", "logMetadata"}));
+  EXPECT_EQ(w->logMetadata(), LogMetadata(7, 7));
+}
+
+TEST_F(WriterAttributeTest, LogMetadataIsMovesWhereTheNextEntryGoes) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  w->logMetadataIs(LogMetadata(7, 7));
+  w->eventIs("e");
+  EXPECT_EQ(indices(*w), (Indices{7}));
+  EXPECT_EQ(w->logMetadata(), LogMetadata(7, 8));
+}
+
+TEST_F(WriterAttributeTest, RegisteredTypeReadsTheAttributes) {
+  Writer::Ptr w = writer(3, keepLastEntries);
+  events(*w, 1, 5);
+  const Qel::TypeNode* type = Qel::typeNode("KronlogWriter::Writer");
+  ASSERT_EQ(w->fwkType(), type);
+  EXPECT_EQ(type->attribute(*w, "name"), "'w'");
+  EXPECT_EQ(type->attribute(*w, "config"),
+            "Value('KronlogWriter::Config', ** {'size': 3, 'overflowAction': keepLastEntries})");
+  EXPECT_EQ(type->attribute(*w, "overflowCount"), "2");
+  EXPECT_EQ(type->attribute(*w, "logMetadata"),
+            "Value('KronlogWriter::Writer::LogMetadata', ** {'firstIndex': 2, 'nextIndex': 5})");
+}
+
+// ---- The log collection
+
+class WriterLogTest : public WriterTest {};
+
+TEST_F(WriterLogTest, LogEnqNumbersFromZeroAndNotifiesEachIndex) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  Recorder r(w);
+  enqueue(*w, 3);
+  EXPECT_EQ(indices(*w), (Indices{0, 1, 2}));
+  EXPECT_EQ(r.heard, (Strings{"log 0", "log 1", "log 2"}));
+}
+
+TEST_F(WriterLogTest, LogEnqIgnoresSizeAndPolicy) {
+  Writer::Ptr w = writer(1, keepFirstEntries);
+  enqueue(*w, 3);
+  EXPECT_EQ(w->logs(), 3u);
+  EXPECT_EQ(w->overflowCount(), 0u);
+}
+
+TEST_F(WriterLogTest, LogDeqRemovesAndReturnsTheOldest) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 3);
+  Recorder r(w);
+  EXPECT_EQ(w->logDeq(), LogEntry(0, "entry 0"));
+  EXPECT_EQ(r.heard, (Strings{"log 0"}));
+  EXPECT_EQ(w->logMetadata(), LogMetadata(1, 3));
+}
+
+TEST_F(WriterLogTest, LogDeqOnEmptyReturnsDefaultAndIsSilent) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  Recorder r(w);
+  const LogEntry e = w->logDeq();
+  EXPECT_EQ(e.timestamp(), 0.0);
+  EXPECT_TRUE(e.message().empty());
+  EXPECT_TRUE(r.heard.empty());
+}
+
+TEST_F(WriterLogTest, EmptyingTheLogNeverLowersTheNextIndex) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 2);
+  w->logDeq();
+  w->logDeq();
+  EXPECT_EQ(w->logMetadata(), LogMetadata(2, 2));
+  w->eventIs("e");
+  EXPECT_EQ(indices(*w), (Indices{2}));
+}
+
+TEST_F(WriterLogTest, LogFindsHeadTailAndMiddle) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 4);
+  w->logDeq();
+  EXPECT_EQ(w->log(1), LogEntry(1, "entry 1"));
+  EXPECT_EQ(w->log(2), LogEntry(2, "entry 2"));
+  EXPECT_EQ(w->log(3), LogEntry(3, "entry 3"));
+}
+
+TEST_F(WriterLogTest, LogOfAnAbsentIndexIsTheDefaultEntry) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  EXPECT_EQ(w->log(0), LogEntry());
+  enqueue(*w, 3);
+  w->logDeq();
+  EXPECT_EQ(w->log(0), LogEntry());
+  EXPECT_EQ(w->log(3), LogEntry());
+  EXPECT_EQ(w->log(4294967295u), LogEntry());
+}
+
+TEST_F(WriterLogTest, LogDelByIndexRemovesThatEntryOnly) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 3);
+  Recorder r(w);
+  EXPECT_EQ(w->logDel(1), LogEntry(1, "entry 1"));
+  EXPECT_EQ(indices(*w), (Indices{0, 2}));
+  EXPECT_EQ(r.heard, (Strings{"log 1"}));
+}
+
+TEST_F(WriterLogTest, LogDelOfAnAbsentIndexReturnsDefaultAndIsSilent) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 3);
+  Recorder r(w);
+  EXPECT_EQ(w->logDel(3), LogEntry());
+  EXPECT_EQ(w->logs(), 3u);
+  EXPECT_TRUE(r.heard.empty());
+}
+
+TEST_F(WriterLogTest, DeletingTheNewestLetsTheNextAppendReuseItsIndex) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 3);
+  w->logDel(2);
+  w->eventIs("e");
+  EXPECT_EQ(indices(*w), (Indices{0, 1, 2}));
+  EXPECT_EQ(w->log(2).message(), "e");
+}
+
+TEST_F(WriterLogTest, LogDelByIteratorRemovesTheEntryUnderIt) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 3);
+  Writer::LogIterator it = w->logIter();
+  ++it;
+  Recorder r(w);
+  EXPECT_EQ(w->logDel(it), LogEntry(1, "entry 1"));
+  EXPECT_EQ(indices(*w), (Indices{0, 2}));
+  EXPECT_EQ(r.heard, (Strings{"log 1"}));
+}
+
+TEST_F(WriterLogTest, IterationContinuesPastEntriesDeletedUnderIt) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 5);
+  Indices visited;
+  for (Writer::LogIterator it = w->logIter(); it; ++it) {
+    visited.push_back(it.index());
+    if (it.index() % 2 == 1) w->logDel(it);
+  }
+  EXPECT_EQ(visited, (Indices{0, 1, 2, 3, 4}));
+  EXPECT_EQ(indices(*w), (Indices{0, 2, 4}));
+}
+
+TEST_F(WriterLogTest, LogDelOfAnExhaustedIteratorReturnsDefaultAndIsSilent) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 1);
+  Writer::LogIterator it = w->logIter();
+  ++it;
+  Recorder r(w);
+  EXPECT_EQ(w->logDel(it), LogEntry());
+  EXPECT_EQ(w->logs(), 1u);
+  EXPECT_TRUE(r.heard.empty());
+}
+
+TEST_F(WriterLogTest, LogDelAllNotifiesOncePerEntryAndKeepsTheNextIndex) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 3);
+  Recorder r(w);
+  w->logDelAll();
+  EXPECT_EQ(r.heard, (Strings{"log 0", "log 1", "log 2"}));
+  EXPECT_EQ(w->logs(), 0u);
+  EXPECT_EQ(w->logMetadata(), LogMetadata(3, 3));
+}
+
+TEST_F(WriterLogTest, NewLogInsertsSilentlyAndReturnsTheNode) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  Recorder r(w);
+  Qel::Ptr<Writer::QelLog> node = w->newLog(5, LogEntry(2.5, "five"));
+  ASSERT_TRUE(node);
+  EXPECT_EQ(node->index(), 5u);
+  EXPECT_EQ(node->entry(), LogEntry(2.5, "five"));
+  EXPECT_EQ(w->log(5), LogEntry(2.5, "five"));
+  EXPECT_EQ(w->logMetadata(), LogMetadata(5, 6));
+  EXPECT_TRUE(r.heard.empty());
+}
+
+TEST_F(WriterLogTest, NewLogReplacesAnEntryAtTheSameIndex) {
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 3);
+  w->newLog(1, LogEntry(9, "nine"));
+  EXPECT_EQ(w->logs(), 3u);
+  EXPECT_EQ(w->log(1), LogEntry(9, "nine"));
+}
+
+// logIs on a log holding indices 1 and 2 (two entries: index 1 is below the
+// entry count, index 2 is at it).
+struct LogIsCase {
+  const char* what;
+  unsigned index;
+  LogEntry entry;
+  bool notifies;
+  Indices after;
+};
+
+std::ostream& operator<<(std::ostream& os, const LogIsCase& c) {
+  return os << "logIs(" << c.index << ", " << c.entry << ")";
+}
+
+class LogIsTest : public WriterTest, public ::testing::WithParamInterface<LogIsCase> {};
+
+TEST_P(LogIsTest, WritesAndNotifiesUnlessEqualBelowTheCount) {
+  const LogIsCase& c = GetParam();
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 3);
+  w->logDeq();
+  Recorder r(w);
+  w->logIs(c.index, c.entry);
+  EXPECT_EQ(r.heard, c.notifies ? Strings{"log " + std::to_string(c.index)} : Strings{});
+  EXPECT_EQ(w->log(c.index), c.entry);
+  EXPECT_EQ(indices(*w), c.after);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, LogIsTest,
+    ::testing::Values(LogIsCase{"sameBelowCount", 1, LogEntry(1, "entry 1"), false, {1, 2}},
+                      LogIsCase{"sameAtCount", 2, LogEntry(2, "entry 2"), true, {1, 2}},
+                      LogIsCase{"otherMessageBelowCount", 1, LogEntry(1, "changed"), true, {1, 2}},
+                      LogIsCase{"otherTimeBelowCount", 1, LogEntry(1.5, "entry 1"), true, {1, 2}},
+                      LogIsCase{"otherAtCount", 2, LogEntry(2, "changed"), true, {1, 2}},
+                      LogIsCase{"absentAfterTail", 5, LogEntry(5, "new"), true, {1, 2, 5}},
+                      LogIsCase{"absentBeforeHead", 0, LogEntry(0, "new"), true, {0, 1, 2}}),
+    [](const ::testing::TestParamInfo<LogIsCase>& p) { return std::string(p.param.what); });
+
+// ---- Error paths
+
+class WriterErrorTest : public WriterTest {
+ protected:
+  // An empty log whose counters leave exactly one index, 4, unused: taking it
+  // would make the next index meet the first.
+  static Writer::Ptr exhausted() {
+    Writer::Ptr w = writer(10, keepLastEntries);
+    w->logMetadataIs(LogMetadata(5, 4));
+    return w;
+  }
+  template <class F>
+  static std::string rangeErrorOf(F&& f) {
+    try {
+      f();
+    } catch (const Qel::RangeException& e) {
+      return e.what();
+    }
+    return "<no RangeException>";
+  }
+};
+
+TEST_F(WriterErrorTest, NewLogInAFullIndexSpaceRaisesAndKeepsNothing) {
+  Writer::Ptr w = exhausted();
+  const std::uint64_t before = Qel::liveObjects("KronlogWriter::Writer::QelLog");
+  EXPECT_EQ(rangeErrorOf([&] { w->newLog(4, LogEntry(1, "x")); }), "linkqueue index space full");
+  EXPECT_EQ(w->logs(), 0u);
+  EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer::QelLog"), before);
+}
+
+TEST_F(WriterErrorTest, LogEnqInAFullIndexSpaceRaisesWithoutNotifying) {
+  Writer::Ptr w = exhausted();
+  Recorder r(w);
+  EXPECT_EQ(rangeErrorOf([&] { w->logEnq(LogEntry(1, "x")); }), "linkqueue index space full");
+  EXPECT_TRUE(r.heard.empty());
+}
+
+// ---- Trace records of eventIs
+
+struct Seen {
+  unsigned level;
+  std::string file;
+  int line;
+  std::string function;
+  std::string text;
+
+  auto fields() const { return std::tie(level, file, line, function, text); }
+  bool operator==(const Seen& o) const { return fields() == o.fields(); }
+};
+
+std::ostream& operator<<(std::ostream& os, const Seen& s) {
+  return os << s.level << ' ' << s.file << ':' << s.line << ' ' << s.function << ": \"" << s.text
+            << '"';
+}
+
+using Records = std::vector<Seen>;
+
+class CapturingSink : public Qel::TraceSink {
+ public:
+  void onRecord(const Qel::TraceRecord& r) override {
+    if (r.facility != "Kronlog") return;
+    records.push_back({r.level, r.file, r.line, r.function, r.text.stdString()});
+  }
+  Records records;
+};
+
+const Seen kEventIsEntry{0, "KronlogWriter", 14, "eventIs",
+                         "void KronlogWriter::Writer::eventIs(Qel::String)"};
+const Seen kTrimEntry{0, "KronlogWriter", 34, "handleExcessiveLogEntries",
+                      "void KronlogWriter::handleExcessiveLogEntries(KronlogWriter::Writer::Ptr)"};
+const Seen kAdmitEntry{0, "KronlogWriter", 55, "isLogEntryAllowed",
+                       "bool KronlogWriter::isLogEntryAllowed(KronlogWriter::Writer::Ptr)"};
+const Seen kQueueFull{1, "KronlogWriter", 71, "isLogEntryAllowed",
+                      "isLogEntryAllowed Queue full. WriterConfig has "
+                      "overflowAction==keepFirstEntries. Dropping message."};
+
+Seen sizeLen(unsigned size, unsigned len) {
+  return {1, "KronlogWriter", 17, "eventIs",
+          "eventIs size: " + std::to_string(size) + " len: " + std::to_string(len)};
+}
+Seen trimmed(unsigned size, unsigned len) {
+  return {
+      1, "KronlogWriter", 49, "handleExcessiveLogEntries",
+      "handleExcessiveLogEntries size: " + std::to_string(size) + " len: " + std::to_string(len)};
+}
+Seen recorded(const std::string& timestamp, const std::string& message) {
+  return {0, "KronlogWriter", 27, "eventIs",
+          "eventIs timestamp: " + timestamp + " message: " + message};
+}
+
+class WriterTraceTest : public WriterTest {
+ protected:
+  void SetUp() override {
+    WriterTest::SetUp();
+    gClockStep = 0;  // trace records read the clock too
+    savedLevels_ = Qel::traceLevels("Kronlog");
+    Qel::traceLevelsIs("Kronlog", 0);
+    Qel::traceSinkIs(&sink_);
+  }
+  void TearDown() override {
+    Qel::traceSinkIs(nullptr);
+    Qel::traceLevelsIs("Kronlog", savedLevels_);
+    WriterTest::TearDown();
+  }
+
+  // Fills a writer with tracing off, then records `message` with `mask` on.
+  Records tracedEventOnFull(OverflowActionType action, std::uint32_t mask,
+                            const Qel::String& message) {
+    Writer::Ptr w = writer(3, action);
+    events(*w, 1, 3);
+    Qel::traceLevelsIs("Kronlog", mask);
+    w->eventIs(message);
+    return sink_.records;
+  }
+
+  CapturingSink sink_;
+  std::uint32_t savedLevels_ = 0;
+};
+
+TEST_F(WriterTraceTest, FullKeepLastEventTracesEntryStepsAndTheRecordedEntry) {
+  EXPECT_EQ(tracedEventOnFull(keepLastEntries, 0x7, Qel::String("link\0down", 9)),
+            (Records{kEventIsEntry, sizeLen(3, 3), kTrimEntry, kAdmitEntry,
+                     recorded("1.76381e+09", std::string("link\0down", 9))}));
+}
+
+TEST_F(WriterTraceTest, FullKeepFirstEventTracesTheDroppedMessage) {
+  EXPECT_EQ(tracedEventOnFull(keepFirstEntries, 0x7, "link down"),
+            (Records{kEventIsEntry, sizeLen(3, 3), kTrimEntry, kAdmitEntry, kQueueFull}));
+}
+
+TEST_F(WriterTraceTest, OnlyTheEnabledLevelsAreEmitted) {
+  EXPECT_EQ(tracedEventOnFull(keepFirstEntries, 0x2, "link down"),
+            (Records{sizeLen(3, 3), kQueueFull}));
+}
+
+TEST_F(WriterTraceTest, TimestampUsesTheStreamsDefaultFormatting) {
+  gClockNow = 1234.5;
+  EXPECT_EQ(tracedEventOnFull(keepLastEntries, 0x1, "m"),
+            (Records{kEventIsEntry, kTrimEntry, kAdmitEntry, recorded("1234.5", "m")}));
+}
+
+TEST_F(WriterTraceTest, KeepFirstFiveEventsInSizeThreeTraceQueueFullTwice) {
+  Qel::traceLevelsIs("Kronlog", 0x2);
+  events(*writer(3, keepFirstEntries), 1, 5);
+  EXPECT_EQ(sink_.records, (Records{sizeLen(3, 0), sizeLen(3, 1), sizeLen(3, 2), sizeLen(3, 3),
+                                    kQueueFull, sizeLen(3, 3), kQueueFull}));
+}
+
+TEST_F(WriterTraceTest, TrimmingTracesEachRemoval) {
+  Writer::Ptr w = writer(2, keepLastEntries);
+  enqueue(*w, 4);
+  Qel::traceLevelsIs("Kronlog", 0x2);
+  w->eventIs("new");
+  EXPECT_EQ(sink_.records, (Records{sizeLen(2, 4), trimmed(2, 3), trimmed(2, 2)}));
+}
+
+TEST_F(WriterTraceTest, TracingOffEmitsNothing) {
+  Writer::Ptr w = writer(2, keepFirstEntries);
+  enqueue(*w, 4);
+  events(*w, 1, 3);
+  events(*writer(0, keepLastEntries), 1, 2);
+  events(*writer(2, keepLastEntries), 1, 3);
+  EXPECT_TRUE(sink_.records.empty());
+}
+
+// ---- Lifetimes
+
+class WriterLifetimeTest : public WriterTest {};
+
+TEST_F(WriterLifetimeTest, DroppedWritersReleaseTheirLogNodes) {
+  const std::uint64_t nodes = Qel::liveObjects("KronlogWriter::Writer::QelLog");
+  const std::uint64_t writers = Qel::liveObjects("KronlogWriter::Writer");
+  {
+    Writer::Ptr a = writer(3, keepLastEntries);
+    Writer::Ptr b = writer(3, keepFirstEntries);
+    Recorder r(a);
+    events(*a, 1, 5);
+    events(*b, 1, 5);
+    enqueue(*b, 4);
+    EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer::QelLog") - nodes, 10u);
+  }
+  EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer::QelLog"), nodes);
+  EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer"), writers);
+}
+
+TEST_F(WriterLifetimeTest, RemovedEntriesReleaseTheirNodes) {
+  const std::uint64_t nodes = Qel::liveObjects("KronlogWriter::Writer::QelLog");
+  Writer::Ptr w = writer(10, keepLastEntries);
+  enqueue(*w, 6);
+  w->logDeq();
+  w->logDel(3);
+  w->logDelAll();
+  EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer::QelLog"), nodes);
+}
+
+TEST_F(WriterLifetimeTest, LongLogIsReleasedWithoutRecursion) {
+  const std::uint64_t nodes = Qel::liveObjects("KronlogWriter::Writer::QelLog");
+  {
+    const Qel::String message("x");
+    Writer::Ptr w = writer(300000, keepLastEntries);
+    for (int k = 0; k < 300000; ++k) w->logEnq(LogEntry(k, message));
+  }
+  EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer::QelLog"), nodes);
+}
+
+}  // namespace
