@@ -11,7 +11,7 @@ namespace Kronlog {
 
 namespace {
 
-bool writeAll(int fd, const std::string& content) {
+bool writeAll(int fd, std::string_view content) {
   std::size_t done = 0;
   while (done < content.size()) {
     ssize_t n = ::write(fd, content.data() + done, content.size() - done);
@@ -50,7 +50,9 @@ bool AtomicFile::open(const std::string& path) {
   const bool exists = ::lstat(path.c_str(), &st) == 0;
   if (exists && !S_ISREG(st.st_mode)) {
     inPlace_ = true;
-    fd_ = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    // O_CREAT: a symbolic link whose target is missing gets its target
+    // created, as a plain open for writing would.
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd_ < 0) return fail();
     writing_ = path;
     return true;
@@ -62,10 +64,13 @@ bool AtomicFile::open(const std::string& path) {
                exists ? (st.st_mode & 07777) : 0644);
   if (fd_ < 0) return fail();
   writing_ = temporary;
+  // The mode given to open() is narrowed by the umask; the replacement must
+  // keep exactly the mode the store had.
+  if (exists && ::fchmod(fd_, st.st_mode & 07777) != 0) return fail();
   return true;
 }
 
-bool AtomicFile::commit(const std::string& content) {
+bool AtomicFile::commit(std::string_view content) {
   if (fd_ < 0) {
     errno = EBADF;
     return fail();

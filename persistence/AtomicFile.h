@@ -11,6 +11,7 @@
 #define KRONLOG_PERSISTENCE_ATOMICFILE_H
 
 #include <string>
+#include <string_view>
 
 namespace Kronlog {
 
@@ -26,7 +27,7 @@ class AtomicFile {
   bool open(const std::string& path);
   // False, with error() set, when the content did not become durable; the
   // target then keeps its previous content (except when written in place).
-  bool commit(const std::string& content);
+  bool commit(std::string_view content);
 
   const std::string& error() const noexcept { return error_; }
   // The file being written: the temporary one, or the target in place.

@@ -11,8 +11,9 @@
 #ifdef RAPIDJSON_ASSERT
 #error "RapidJSON must be included through persistence/Json.h"
 #endif
-#define RAPIDJSON_ASSERT(condition) \
-  ((condition) ? static_cast<void>(0) : ::Kronlog::assertionFailed(#condition, __FILE__, __LINE__, __func__))
+#define RAPIDJSON_ASSERT(condition)   \
+  ((condition) ? static_cast<void>(0) \
+               : ::Kronlog::assertionFailed(#condition, __FILE__, __LINE__, __func__))
 
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>

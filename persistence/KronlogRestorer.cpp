@@ -73,9 +73,9 @@ void Restorer::doRestore() {
   const KronlogWriter::WriterDir::Ptr& dir = config_.klDir();
   if (!dir) {
     // The two sentences run together; operators know the text this way.
-    KRONLOG_TRACE(0, kFile, 24, "doRestore",
-                  << kDoRestore << " WriterDir to restore the events is not set."
-                  << "Exiting...");
+    KRONLOG_TRACE(0, kFile, 24, "doRestore", << kDoRestore
+                                             << " WriterDir to restore the events is not set."
+                                             << "Exiting...");
     return;
   }
   KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
@@ -97,11 +97,11 @@ void Restorer::doRestore() {
         KronlogWriter::Writer::Ptr writer = dir->writer(entry->messageGroup());
         if (!writer) writer = dir->writerIs(entry->messageGroup(), config);
         KronlogWriter::LogEntry restored(entry->timestamp(), entry->message());
-        KRONLOG_TRACE(0, kFile, 54, "doRestore",
-                      << "doRestore" << " timestamp: " << entry->timestamp()
-                      << " agentName: " << entry->agentName()
-                      << " messageGroup: " << entry->messageGroup()
-                      << " message: " << entry->message());
+        KRONLOG_TRACE(0, kFile, 54, "doRestore", << "doRestore"
+                                                 << " timestamp: " << entry->timestamp()
+                                                 << " agentName: " << entry->agentName()
+                                                 << " messageGroup: " << entry->messageGroup()
+                                                 << " message: " << entry->message());
         writer->logEnq(restored);  // no size limit, no overflow policy
       }
       ++position;

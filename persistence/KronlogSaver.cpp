@@ -60,7 +60,8 @@ namespace {
 
 const bool registered = [] {
   using Qel::PtrInterface;
-  Qel::Ptr<Qel::TypeNode> saver(new Qel::TypeNode("KronlogSaver::Saver", Qel::TypeNode::Kind::entity));
+  Qel::Ptr<Qel::TypeNode> saver(
+      new Qel::TypeNode("KronlogSaver::Saver", Qel::TypeNode::Kind::entity));
   saver
       ->attributeIs("initialized",
                     [](const PtrInterface& o) {

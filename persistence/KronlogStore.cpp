@@ -1,10 +1,12 @@
 #include "kronlog/KronlogStore.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include "persistence/AtomicFile.h"
 #include "persistence/Json.h"
@@ -74,7 +76,9 @@ void Store::doStore() {
   KRONLOG_ASSERT(false, "false && \"not implemented!\"");
 }
 
-void Store::doRestore() { KRONLOG_TRACE(0, kFile, 46, "doRestore", << kStoreDoRestore); }
+void Store::doRestore() {
+  KRONLOG_TRACE(0, kFile, 46, "doRestore", << kStoreDoRestore);
+}
 
 Store::Ptr storeFactory(Qel::Ptr<KronlogReader::Status> const& events) {
   Store::Ptr s(new Store(events));
@@ -123,25 +127,24 @@ void JsonStore::doStore() {
   const KronlogReader::Status& status = *events();
   KRONLOG_TRACE(1, kFile, 62, "doStore", << kJsonDoStore << " FORMAT: " << storeFormat());
   KRONLOG_TRACE(1, kFile, 63, "doStore", << kJsonDoStore << " VERSION: " << storeVersion());
-  KRONLOG_TRACE(1, kFile, 64, "doStore",
-                << kJsonDoStore << " Event to store: " << status.logs());
+  KRONLOG_TRACE(1, kFile, 64, "doStore", << kJsonDoStore << " Event to store: " << status.logs());
 
-  std::string content;
-  content.reserve(64 + status.logs() * 96u);
-  content += kFormatPrefix;
-  content += storeFormat().view();
-  content += '\n';
-  content += kVersionPrefix;
-  content += storeVersion().view();
-  content += '\n';
-
+  // The header lines go first into the buffer the JSON is written to, so
+  // that the whole content is written from one piece, never copied.
   Json::Buffer buffer;
+  for (const std::string_view part :
+       {std::string_view(kFormatPrefix), storeFormat().view(), std::string_view("\n"),
+        std::string_view(kVersionPrefix), storeVersion().view(), std::string_view("\n")}) {
+    std::memcpy(buffer.Push(part.size()), part.data(), part.size());
+  }
   Json::Writer writer(buffer);
   writer.StartObject();
   writer.Key(kTopKey.c_str());
   writer.StartArray();
   for (KronlogReader::Status::LogIteratorConst it = status.logIterConst(); it; ++it) {
-    const KronlogReader::LogEntry::Ptr entry = status.log(it.index());
+    // The entry under the iterator is the one its index names; looking it
+    // up by index instead walks the log from the head, for every entry.
+    const KronlogReader::LogEntry::Ptr& entry = it->value();
     if (!std::isfinite(entry->timestamp())) {
       // JSON has no form for it, and a file holding one could not be read
       // back: leave the entry out rather than break the store.
@@ -163,13 +166,11 @@ void JsonStore::doStore() {
   }
   writer.EndArray();
   writer.EndObject();
-  content.append(buffer.GetString(), buffer.GetSize());
-  content += '\n';
+  buffer.Put('\n');
 
-  if (!file.commit(content)) {
-    KRONLOG_TRACE(0, kFile, 70, "doStore",
-                  << kJsonDoStore << " Could not write " << path << ": " << file.error()
-                  << "; the previous store is kept");
+  if (!file.commit(std::string_view(buffer.GetString(), buffer.GetSize()))) {
+    KRONLOG_TRACE(0, kFile, 70, "doStore", << kJsonDoStore << " Could not write " << path << ": "
+                                           << file.error() << "; the previous store is kept");
   }
 }
 
@@ -189,9 +190,8 @@ void JsonStore::doRestore() {
   format.erase(0, kFormatPrefix.size());
   version.erase(0, kVersionPrefix.size());
   if (format != storeFormat().view()) {
-    KRONLOG_TRACE(0, kFile, 115, "doRestore",
-                  << kJsonDoRestore << " store format error, expected: " << storeFormat()
-                  << " actual: " << format);
+    KRONLOG_TRACE(0, kFile, 115, "doRestore", << kJsonDoRestore << " store format error, expected: "
+                                              << storeFormat() << " actual: " << format);
     return;
   }
   if (version != storeVersion().view()) {
@@ -199,8 +199,25 @@ void JsonStore::doRestore() {
                   << kJsonDoRestore << " store version is different, reader: " << storeVersion()
                   << " store file: " << version);
   }
-  std::string json, line;
-  while (std::getline(file, line)) json += line;  // lines joined without separators
+  // The remaining lines joined without separators: the rest of the file in
+  // one piece, less its line feeds (reading it line by line copies every
+  // byte twice more). Where the rest's size can be known (not for a FIFO or
+  // a device), room for it is made first, so it is not copied as it grows.
+  std::string json;
+  if (const std::streampos here = file.tellg(); here != std::streampos(-1)) {
+    if (file.seekg(0, std::ios::end) && file.tellg() > here) {
+      json.reserve(static_cast<std::size_t>(file.tellg() - here));
+    }
+    file.clear();
+    file.seekg(here);
+  }
+  char chunk[1 << 14];
+  while (file.read(chunk, sizeof chunk) || file.gcount() > 0) {
+    json.append(chunk, static_cast<std::size_t>(file.gcount()));
+  }
+  if (const std::size_t lf = json.find('\n'); lf != std::string::npos) {
+    json.erase(std::remove(json.begin() + lf, json.end(), '\n'), json.end());
+  }
   file.close();
   if (json.empty()) {
     KRONLOG_TRACE(0, kFile, 132, "doRestore",
@@ -212,7 +229,9 @@ void JsonStore::doRestore() {
   // Full precision, so that a restored timestamp equals the saved double to
   // the last bit. The result is not examined: a text that does not parse
   // leaves the document null, which the object check below rejects.
-  document.Parse<rapidjson::kParseFullPrecisionFlag>(json.c_str(), json.size());
+  // In place: the text is not needed afterwards, and the strings are then
+  // not copied a second time into the document.
+  document.ParseInsitu<rapidjson::kParseFullPrecisionFlag>(&json[0]);
   if (!document.HasMember(kTopKey.c_str())) {
     KRONLOG_TRACE(2, kFile, 193, "doRestore",
                   << kJsonDoRestore << " Could not find Kronlog in store.");
@@ -273,7 +292,8 @@ const bool registered = [] {
   store->constantIs("klStoreFile", Store::klStoreFile())
       .operationIs("doStore", [](PtrInterface& o) { static_cast<Store&>(o).doStore(); })
       .operationIs("doRestore", [](PtrInterface& o) { static_cast<Store&>(o).doRestore(); });
-  Qel::Ptr<TypeNode> json(new TypeNode("KronlogStore::JsonStore", TypeNode::Kind::entity, store.ptr()));
+  Qel::Ptr<TypeNode> json(
+      new TypeNode("KronlogStore::JsonStore", TypeNode::Kind::entity, store.ptr()));
   json->constantIs("storeFormat", JsonStore::storeFormat())
       .constantIs("storeVersion", JsonStore::storeVersion());
   Qel::typeNodeIs(json);

@@ -1,0 +1,342 @@
+// Tests of the restorer: one agent's saved events back into its writer
+// directory (with their saved timestamps, into existing or newly created
+// writers), the narrow position counter that limits a restore to 255
+// entries, and the Config value's identity, text form and parsing.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "kronlog/KronlogRestorer.h"
+#include "kronlog/KronlogWriter.h"
+#include "persistence/PersistenceTestSupport.h"
+#include "qel/Entity.h"
+#include "qel/Exception.h"
+#include "qel/Strep.h"
+#include "qel/Type.h"
+
+namespace KronlogTest {
+namespace {
+
+using KronlogWriter::LogEntry;
+using Entries = std::vector<KronlogWriter::LogEntry>;
+
+constexpr char kDoRestore[] = "void KronlogRestorer::Restorer::doRestore()";
+
+Seen restorerTrace(int line, const std::string& text) {
+  return seen(0, "KronlogRestorer", line, "doRestore", text);
+}
+
+// A store file holding `rows`, written without the store driver.
+std::string storeText(const std::vector<Row>& rows) {
+  std::string json = "{\"Kronlog\":[";
+  for (const Row& r : rows) {
+    char t[32];
+    std::snprintf(t, sizeof t, "%.17g", r.timestamp);
+    json += std::string(json.back() == '[' ? "" : ",") + "{\"timestamp\":" + t +
+            ",\"agentName\":\"" + r.agentName + "\",\"messageGroup\":\"" + r.messageGroup +
+            "\",\"message\":\"" + r.message + "\"}";
+  }
+  return "FORMAT: JSON\nVERSION: 1\n" + json + "]}\n";
+}
+
+// `count` entries of agent A in group g: m0, m1, ... at times 0, 1, ...
+std::vector<Row> numbered(int count, const char* agent = "A") {
+  std::vector<Row> rows;
+  for (int k = 0; k < count; ++k) rows.push_back({agent, "g", double(k), "m" + std::to_string(k)});
+  return rows;
+}
+
+Entries numberedEntries(int count) {
+  Entries entries;
+  for (int k = 0; k < count; ++k) entries.emplace_back(double(k), "m" + std::to_string(k));
+  return entries;
+}
+
+class RestorerTest : public PersistenceTest {
+ protected:
+  void SetUp() override {
+    PersistenceTest::SetUp();
+    dir_ = KronlogWriter::writerDirFactory("A");
+  }
+
+  void writeRows(const std::vector<Row>& rows) { writeStoreFile(storeText(rows)); }
+  KronlogRestorer::Restorer::Ptr restoreInto(const KronlogWriter::WriterDir::Ptr& dir) {
+    return KronlogRestorer::restorerFactory(KronlogRestorer::Config(dir));
+  }
+  KronlogRestorer::Restorer::Ptr restoreHere() { return restoreInto(dir_); }
+
+  // The entries of writer `group` of the directory, oldest first.
+  Entries entries(const char* group) const {
+    Entries out;
+    KronlogWriter::Writer::Ptr writer = dir_->writer(group);
+    if (!writer) return out;
+    for (auto it = writer->logIterConst(); it; ++it) out.push_back(it->entry());
+    return out;
+  }
+
+  KronlogWriter::WriterDir::Ptr dir_;
+};
+
+TEST_F(RestorerTest, WithoutADirectoryItTracesAndNeverOpensTheStore) {
+  writeRows(numbered(1));
+  EXPECT_TRUE(KronlogRestorer::restorerFactory(KronlogRestorer::Config())->initialized());
+  EXPECT_EQ(traces(),
+            (std::vector<Seen>{
+                restorerTrace(20, kDoRestore),
+                restorerTrace(24, std::string(kDoRestore) +
+                                      " WriterDir to restore the events is not set.Exiting...")}));
+}
+
+TEST_F(RestorerTest, OnlyTheDirectorysOwnAgentIsRestored) {
+  writeRows({{"A", "g1", 1, "a1"},
+             {"B", "g2", 2, "b2"},
+             {"A", "g1", 3, "a3"},
+             {"B", "g1", 4, "b4"},
+             {"AA", "g3", 5, "aa"},
+             {"a", "g4", 6, "lower"}});
+  EXPECT_TRUE(restoreHere()->initialized());
+  EXPECT_EQ(dir_->writers(), 1u);
+  EXPECT_EQ(entries("g1"), (Entries{{1, "a1"}, {3, "a3"}}));
+}
+
+TEST_F(RestorerTest, MissingWritersAreCreatedWithTenEntriesKeepingTheLast) {
+  writeRows({{"A", "x", 1, "m"}, {"A", "y", 2, "n"}, {"A", "x", 3, "o"}});
+  restoreHere();
+  ASSERT_EQ(dir_->writers(), 2u);
+  for (const char* group : {"x", "y"}) {
+    SCOPED_TRACE(group);
+    ASSERT_TRUE(dir_->writer(group));
+    EXPECT_EQ(dir_->writer(group)->config(),
+              KronlogWriter::Config(10, KronlogWriter::keepLastEntries));
+  }
+  EXPECT_EQ(entries("x"), (Entries{{1, "m"}, {3, "o"}}));
+  EXPECT_EQ(entries("y"), (Entries{{2, "n"}}));
+}
+
+TEST_F(RestorerTest, AnExistingWriterKeepsItsConfigurationAndGetsEntriesAppended) {
+  const KronlogWriter::Config own(3, KronlogWriter::keepFirstEntries);
+  dir_->writerIs("g", own)->logEnq(LogEntry(100, "already there"));
+  writeRows(numbered(4));
+  restoreHere();
+  EXPECT_EQ(dir_->writer("g")->config(), own);
+  EXPECT_EQ(entries("g"),
+            (Entries{{100, "already there"}, {0, "m0"}, {1, "m1"}, {2, "m2"}, {3, "m3"}}));
+}
+
+TEST_F(RestorerTest, SavedTimestampsAreKept) {
+  Qel::utcNowFunctionIs([] { return 42.0; });
+  writeRows({{"A", "g", 1700000000.123456789, "m"}, {"A", "g", 5e-324, "n"}});
+  restoreHere();
+  Qel::utcNowFunctionIs(nullptr);
+  const Entries restored = entries("g");
+  ASSERT_EQ(restored.size(), 2u);
+  EXPECT_EQ(bitsOf(restored[0].timestamp()), bitsOf(1700000000.123456789));
+  EXPECT_EQ(bitsOf(restored[1].timestamp()), bitsOf(5e-324));
+}
+
+TEST_F(RestorerTest, TheWritersSizeIsNotEnforced) {
+  writeRows(numbered(15));
+  restoreHere();
+  EXPECT_EQ(entries("g"), numberedEntries(15));
+}
+
+TEST_F(RestorerTest, TwoRestorersAppendEverythingTwice) {
+  writeRows({{"A", "g", 1, "m"}, {"A", "h", 2, "n"}});
+  restoreHere();
+  restoreHere();
+  EXPECT_EQ(entries("g"), (Entries{{1, "m"}, {1, "m"}}));
+  EXPECT_EQ(entries("h"), (Entries{{2, "n"}, {2, "n"}}));
+}
+
+TEST_F(RestorerTest, DoRestoreThroughReflectionAppendsAgain) {
+  writeRows({{"A", "g", 1, "m"}});
+  KronlogRestorer::Restorer::Ptr restorer = restoreHere();
+  Qel::typeNode("KronlogRestorer::Restorer")->operationDo(*restorer, "doRestore");
+  EXPECT_EQ(entries("g"), (Entries{{1, "m"}, {1, "m"}}));
+}
+
+TEST_F(RestorerTest, TwoHundredFiftyFiveEntriesAreWalkedOnce) {
+  writeRows(numbered(255));
+  traceLevels(kLevel0);
+  restoreHere();
+  EXPECT_EQ(entries("g"), numberedEntries(255));
+  EXPECT_EQ(tracesOf("KronlogRestorer").size(), 1u + 255u);
+}
+
+TEST_F(RestorerTest, OtherAgentsCountTowardsTheWalkButAreSkipped) {
+  std::vector<Row> rows = numbered(200, "B");
+  for (const Row& r : numbered(55)) rows.push_back(r);
+  writeRows(rows);
+  restoreHere();
+  EXPECT_EQ(entries("g"), numberedEntries(55));
+}
+
+TEST_F(RestorerTest, EachEntryIsTracedBeforeItIsAppended) {
+  struct CountOnLog : KronlogWriter::Writer::Notifiee {
+    std::function<void()> onEntry;
+    using KronlogWriter::Writer::Notifiee::onLog;
+    void onLog(unsigned int) override { onEntry(); }
+  } notifiee;
+  std::vector<Seen> whenAppended;
+  notifiee.onEntry = [&] { whenAppended = tracesOf("KronlogRestorer"); };
+  notifiee.notifierIs(dir_->writerIs("g", KronlogWriter::Config()));
+  writeRows({{"A", "g", 1700000000.25, "link down"}});
+  restoreHere();
+  const std::vector<Seen> expected = {
+      restorerTrace(20, kDoRestore),
+      restorerTrace(54,
+                    "doRestore timestamp: 1.7e+09 agentName: A messageGroup: g message: link "
+                    "down")};
+  EXPECT_EQ(whenAppended, expected);
+  EXPECT_EQ(tracesOf("KronlogRestorer"), expected);
+}
+
+TEST_F(RestorerTest, AMissingStoreRestoresNothing) {
+  EXPECT_TRUE(restoreHere()->initialized());
+  EXPECT_EQ(dir_->writers(), 0u);
+  EXPECT_EQ(tracesOf("KronlogRestorer"), std::vector<Seen>{restorerTrace(20, kDoRestore)});
+}
+
+TEST_F(RestorerTest, ReflectionShowsTheConfigurationAndInitialized) {
+  KronlogRestorer::Restorer::Ptr restorer = restoreHere();
+  const Qel::TypeNode* type = Qel::typeNode("KronlogRestorer::Restorer");
+  EXPECT_EQ(type->attribute(*restorer, "config"), Qel::valueToStrepOfRawPtr(dir_.ptr()));
+  EXPECT_EQ(type->attribute(*restorer, "initialized"), "true");
+}
+
+// ---- The 8-bit position counter
+
+class RestorerDeathTest : public DeathTestBase {
+ protected:
+  // Restores `count` entries into a directory whose name matches no agent,
+  // so that nothing is restored and a restore that never ends holds its
+  // memory steady until the alarm ends the process.
+  static void restoreUnderAlarm(int count) {
+    storeInMemoryIs(storeText(numbered(count)));
+    ::alarm(1);
+    KronlogRestorer::restorerFactory(
+        KronlogRestorer::Config(KronlogWriter::writerDirFactory("nobody")));
+  }
+};
+
+TEST_F(RestorerDeathTest, AStoreOf256EntriesIsWalkedForever) {
+  EXPECT_EXIT(restoreUnderAlarm(256), ::testing::KilledBySignal(SIGALRM), "");
+}
+
+TEST_F(RestorerDeathTest, AStoreOf255EntriesFinishesUnderTheSameAlarm) {
+  EXPECT_EXIT(
+      {
+        restoreUnderAlarm(255);
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+// ---- Config
+
+KronlogRestorer::Config parse(const std::string& text) {
+  const Qel::String s(text);
+  Qel::String8::IteratorConst it = s.begin();
+  KronlogRestorer::Config config(it, s.end());
+  EXPECT_EQ(it, s.end()) << "the whole text is read";
+  return config;
+}
+
+// The exception parsing `text` raises; a failure when there is none.
+Qel::DeserializeException parseError(const std::string& text) {
+  try {
+    parse(text);
+  } catch (const Qel::DeserializeException& e) {
+    return e;
+  }
+  ADD_FAILURE() << "parsed: " << text;
+  return Qel::DeserializeException("", "");
+}
+
+class RestorerConfigTest : public ::testing::Test {
+ protected:
+  KronlogWriter::WriterDir::Ptr a_ = KronlogWriter::writerDirFactory("A");
+  const Qel::TypeNode* type_ = Qel::typeNode("KronlogRestorer::Config");
+};
+
+TEST_F(RestorerConfigTest, EqualityIsIdentityOfTheDirectory) {
+  const KronlogRestorer::Config sameName(KronlogWriter::writerDirFactory("A"));
+  EXPECT_TRUE(KronlogRestorer::Config(a_) == KronlogRestorer::Config(a_));
+  EXPECT_FALSE(KronlogRestorer::Config(a_) != KronlogRestorer::Config(a_));
+  EXPECT_FALSE(KronlogRestorer::Config(a_) == sameName);
+  EXPECT_TRUE(KronlogRestorer::Config(a_) != sameName);
+  EXPECT_TRUE(KronlogRestorer::Config() == KronlogRestorer::Config());
+  EXPECT_TRUE(KronlogRestorer::Config(a_) != KronlogRestorer::Config());
+}
+
+TEST_F(RestorerConfigTest, TextFormIsThePointerForm) {
+  const Qel::String text = KronlogRestorer::valueToStrep(KronlogRestorer::Config(a_));
+  EXPECT_EQ(text, Qel::valueToStrepOfRawPtr(a_.ptr()));
+  EXPECT_EQ(text.view().substr(0, 31), "<KronlogWriter::WriterDir at 0x");
+  std::ostringstream os;
+  os << KronlogRestorer::Config(a_);
+  EXPECT_EQ(os.str(), text.stdString());
+  EXPECT_EQ(KronlogRestorer::valueToStrep(KronlogRestorer::Config()), "None");
+}
+
+TEST_F(RestorerConfigTest, TextFormParsesBackToTheSameDirectory) {
+  const std::string text = Qel::valueToStrepOfRawPtr(a_.ptr()).stdString();
+  EXPECT_EQ(parse(text), KronlogRestorer::Config(a_));
+  EXPECT_EQ(parse("None"), KronlogRestorer::Config());
+  const auto boxed = type_->valueFromStrep(text + " ");
+  ASSERT_TRUE(boxed);
+  EXPECT_EQ(static_cast<Qel::ValueBox<KronlogRestorer::Config>&>(*boxed).value,
+            KronlogRestorer::Config(a_));
+  EXPECT_EQ(boxed->strep(), text);
+}
+
+TEST_F(RestorerConfigTest, ALiveDirectoryOfAnotherTypeCannotBeConverted) {
+  Qel::Dir::Ptr plain = Qel::dirFactory("A");
+  const std::string text = Qel::valueToStrepOfRawPtr(plain.ptr()).stdString();
+  const Qel::DeserializeException e = parseError(text);
+  EXPECT_EQ(e.context(), "KronlogWriter::WriterDir");
+  EXPECT_EQ(e.message(), "cannot convert " + text + " to KronlogWriter::WriterDir");
+}
+
+TEST_F(RestorerConfigTest, UnreadableTextIsADeserializeErrorOfKlDir) {
+  std::string stale;
+  {
+    KronlogWriter::WriterDir::Ptr gone = KronlogWriter::writerDirFactory("gone");
+    stale = Qel::valueToStrepOfRawPtr(gone.ptr()).stdString();
+  }
+  std::string misnamed = Qel::valueToStrepOfRawPtr(a_.ptr()).stdString();
+  misnamed.replace(1, 24, "Qel::Dir");
+  for (const std::string& text :
+       {std::string("garbage"), std::string(""), std::string("<KronlogWriter::WriterDir at 0xzz>"),
+        std::string("<KronlogWriter::WriterDir 0x10>"), stale, misnamed}) {
+    SCOPED_TRACE(text);
+    const Qel::DeserializeException e = parseError(text);
+    EXPECT_EQ(e.context(), "klDir");
+    EXPECT_EQ(e.message().view().substr(0, 29), "cannot read attribute klDir: ");
+  }
+}
+
+TEST_F(RestorerConfigTest, ReflectionRejectsTextAfterTheValue) {
+  try {
+    type_->valueFromStrep(Qel::valueToStrepOfRawPtr(a_.ptr()).stdString() + " x");
+    ADD_FAILURE() << "parsed";
+  } catch (const Qel::DeserializeException& e) {
+    EXPECT_EQ(e.context(), "end");
+  }
+}
+
+TEST_F(RestorerConfigTest, ReflectionDefaultIsNoDirectory) {
+  const auto boxed = type_->defaultValue();
+  ASSERT_TRUE(boxed);
+  EXPECT_EQ(boxed->strep(), "None");
+}
+
+}  // namespace
+}  // namespace KronlogTest
