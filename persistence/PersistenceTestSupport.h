@@ -35,6 +35,7 @@
 #include "kronlog/KronlogStore.h"
 #include "qel/String.h"
 #include "qel/Trace.h"
+#include "support/TraceCapture.h"
 
 namespace KronlogTest {
 
@@ -68,23 +69,7 @@ class FileSizeLimit {
   sighandler_t savedHandler_;
 };
 
-// One trace record without its time.
-struct Seen {
-  unsigned level;
-  std::string file;
-  int line;
-  std::string function;
-  std::string text;
-
-  auto fields() const { return std::tie(level, file, line, function, text); }
-  bool operator==(const Seen& o) const { return fields() == o.fields(); }
-  bool operator!=(const Seen& o) const { return !(*this == o); }
-};
-
-inline std::ostream& operator<<(std::ostream& os, const Seen& s) {
-  return os << "Kronlog/" << s.level << ' ' << s.file << ':' << s.line << ' ' << s.function
-            << ": \"" << s.text << '"';
-}
+using KronlogTesting::Seen;
 
 inline Seen seen(unsigned level, const char* file, int line, const char* function,
                  const std::string& text) {
@@ -102,14 +87,7 @@ inline Seen pathTrace(const std::string& path) {
                     std::string(kGetStoreFilePath) + " KRONLOG storeFilePath=" + path);
 }
 
-class CapturingSink : public Qel::TraceSink {
- public:
-  void onRecord(const Qel::TraceRecord& r) override {
-    if (r.facility != "Kronlog") return;
-    records.push_back({r.level, r.file, r.line, r.function, r.text.stdString()});
-  }
-  std::vector<Seen> records;
-};
+using KronlogTesting::CapturingSink;
 
 inline std::uint64_t bitsOf(double d) {
   std::uint64_t b;

@@ -23,6 +23,7 @@
 #include "qel/Entity.h"
 #include "qel/String.h"
 #include "qel/Trace.h"
+#include "support/TraceCapture.h"
 
 namespace {
 
@@ -567,31 +568,8 @@ TEST_F(MalformedPatternTest, BadGroupPatternSucceedsWhenMatchedAgentHasNoWriters
 
 // ---- Trace sites.
 
-struct Traced {
-  unsigned level;
-  std::string file;
-  int line;
-  std::string function;
-  std::string text;
-
-  auto fields() const { return std::tie(level, file, line, function, text); }
-  bool operator==(const Traced& o) const { return fields() == o.fields(); }
-};
-
-std::ostream& operator<<(std::ostream& os, const Traced& t) {
-  return os << t.level << ' ' << t.file << ':' << t.line << ' ' << t.function << ": \"" << t.text
-            << '"';
-}
-
-class CapturingSink : public Qel::TraceSink {
- public:
-  void onRecord(const Qel::TraceRecord& r) override {
-    if (r.facility == "Kronlog") {
-      records.push_back({r.level, r.file, r.line, r.function, r.text.stdString()});
-    }
-  }
-  std::vector<Traced> records;
-};
+using KronlogTesting::CapturingSink;
+using Traced = KronlogTesting::Seen;
 
 class ReadTraceTest : public ReadTest {
  protected:

@@ -15,6 +15,7 @@
 #include "qel/Exception.h"
 #include "qel/Trace.h"
 #include "qel/Type.h"
+#include "support/TraceCapture.h"
 
 namespace {
 
@@ -565,32 +566,10 @@ TEST_F(WriterErrorTest, LogEnqInAFullIndexSpaceRaisesWithoutNotifying) {
 
 // ---- Trace records of eventIs
 
-struct Seen {
-  unsigned level;
-  std::string file;
-  int line;
-  std::string function;
-  std::string text;
-
-  auto fields() const { return std::tie(level, file, line, function, text); }
-  bool operator==(const Seen& o) const { return fields() == o.fields(); }
-};
-
-std::ostream& operator<<(std::ostream& os, const Seen& s) {
-  return os << s.level << ' ' << s.file << ':' << s.line << ' ' << s.function << ": \"" << s.text
-            << '"';
-}
+using KronlogTesting::CapturingSink;
+using KronlogTesting::Seen;
 
 using Records = std::vector<Seen>;
-
-class CapturingSink : public Qel::TraceSink {
- public:
-  void onRecord(const Qel::TraceRecord& r) override {
-    if (r.facility != "Kronlog") return;
-    records.push_back({r.level, r.file, r.line, r.function, r.text.stdString()});
-  }
-  Records records;
-};
 
 const Seen kEventIsEntry{0, "KronlogWriter", 14, "eventIs",
                          "void KronlogWriter::Writer::eventIs(Qel::String)"};

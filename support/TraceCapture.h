@@ -1,0 +1,45 @@
+// Test support: captures the records of the "Kronlog" trace facility, so
+// that tests can assert every field of every trace exactly.
+#ifndef KRONLOG_SUPPORT_TRACECAPTURE_H
+#define KRONLOG_SUPPORT_TRACECAPTURE_H
+
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "qel/Trace.h"
+
+namespace KronlogTesting {
+
+// One trace record without its time.
+struct Seen {
+  unsigned level;
+  std::string file;
+  int line;
+  std::string function;
+  std::string text;
+
+  auto fields() const { return std::tie(level, file, line, function, text); }
+  bool operator==(const Seen& o) const { return fields() == o.fields(); }
+  bool operator!=(const Seen& o) const { return !(*this == o); }
+};
+
+inline std::ostream& operator<<(std::ostream& os, const Seen& s) {
+  return os << "Kronlog/" << s.level << ' ' << s.file << ':' << s.line << ' ' << s.function
+            << ": \"" << s.text << '"';
+}
+
+// Keeps the records of the "Kronlog" facility; install with Qel::traceSinkIs.
+class CapturingSink : public Qel::TraceSink {
+ public:
+  void onRecord(const Qel::TraceRecord& r) override {
+    if (r.facility != "Kronlog") return;
+    records.push_back({r.level, r.file, r.line, r.function, r.text.stdString()});
+  }
+  std::vector<Seen> records;
+};
+
+}  // namespace KronlogTesting
+
+#endif  // KRONLOG_SUPPORT_TRACECAPTURE_H
