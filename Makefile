@@ -14,8 +14,10 @@ test:
 	cmake --build $(BUILD) -j$(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
 
+# The demo shares the build tree with the tests, whose configuration needs
+# GoogleTest, so it installs the same packages.
 demo:
-	@scripts/ensure-deps.sh
+	@scripts/ensure-deps.sh test
 	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j$(JOBS) --target kronlog_tool
 	$(BUILD)/tools/kronlog demo --store $(BUILD)/demo-store

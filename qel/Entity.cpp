@@ -87,7 +87,7 @@ Qel::Ptr<Entity> Dir::entityDel(const Name& name) {
 }
 
 void Dir::entityDelAll() {
-  for (auto it = entities_.begin(); it; ++it) entityDel(it.member()->name());
+  for (auto it = entities_.begin(); it; ++it) entityDel(it.member()->qelHashKey());
 }
 
 NotifieeListBase* Dir::notifieeList() const {

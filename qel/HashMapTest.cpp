@@ -22,6 +22,7 @@ class Item : public Qel::PtrInterface {
   Item* qelHashNext_ = nullptr;
   bool qelInCollection_ = false;
   const Qel::Name& qelHashKey() const noexcept { return key_; }
+  void qelHashKeyFreeze() noexcept {}
   Item* qelHashValue() noexcept { return this; }
 
  private:

@@ -381,8 +381,9 @@ Writer::Ptr WriterDir::writerDel(const Qel::Name& name) {
 
 Writer::Ptr WriterDir::writerDel(WriterIterator& it) {
   if (!it) return nullptr;
-  Qel::Name name = it.member()->name();
-  return writerDel(name);
+  // By the key it is held under, which a rename does not change.
+  Qel::Name key = it.member()->qelHashKey();
+  return writerDel(key);
 }
 
 void WriterDir::writerDelAll() {

@@ -35,8 +35,8 @@ class WriterDirTest : public ::testing::Test {
  protected:
   WriterDirTest() : dir_(KronlogWriter::writerDirFactory("Bgp")), heard_(dir_) {}
 
-  Writer::Ptr add(const char* name, const Config& config = Config()) {
-    return dir_->writerIs(name, config);
+  Writer::Ptr add(const std::string& name, const Config& config = Config()) {
+    return dir_->writerIs(Qel::Name(name), config);
   }
 
   // A writer holding two entries and an overflow count of 3.
@@ -266,6 +266,31 @@ TEST_F(NameFromBackupTest, WriterIsRenamedSilentlyAndStaysAMember) {
   EXPECT_EQ(dir_->writerIter().member(), w.ptr());
   EXPECT_EQ(w->parent(), dir_.ptr());
   EXPECT_EQ(heard(), (Strings{"w"}));
+}
+
+TEST_F(NameFromBackupTest, RenamedWriterIsStillFoundAndRemovedUnderItsKey) {
+  Writer::Ptr w = add("w");
+  w->nameIsFromBackup("v");
+  EXPECT_EQ(dir_->writer("w"), w);
+  EXPECT_EQ(dir_->writer("v"), nullptr);
+  EXPECT_EQ(dir_->writerDel("w"), w);
+  EXPECT_EQ(w->parent(), nullptr);
+}
+
+TEST_F(NameFromBackupTest, RenamingOneWriterDoesNotHideTheOthers) {
+  std::vector<Writer::Ptr> all;
+  for (int k = 0; k < 64; ++k) all.push_back(add("w" + std::to_string(k)));
+  for (int k = 0; k < 64; k += 2) all[k]->nameIsFromBackup("zz" + std::to_string(k));
+  for (int k = 0; k < 64; ++k) EXPECT_EQ(dir_->writer("w" + std::to_string(k)), all[k]) << k;
+}
+
+TEST_F(NameFromBackupTest, DeleteAllRemovesRenamedWriters) {
+  Writer::Ptr w = add("w");
+  add("x");
+  w->nameIsFromBackup("v");
+  dir_->writerDelAll();
+  EXPECT_EQ(dir_->writers(), 0u);
+  EXPECT_EQ(w->parent(), nullptr);
 }
 
 // ---- Lifetimes

@@ -77,6 +77,7 @@ class KRONLOG_EXPORT Config : public Qel::PtrInterface {
     QelDir* qelHashNext_ = nullptr;
     bool qelInCollection_ = false;
     const Qel::Name& qelHashKey() const noexcept { return key_; }
+    void qelHashKeyFreeze() noexcept {}  // fixed at construction
     Qel::Dir* qelHashValue() noexcept { return dir_.ptr(); }
 
    private:

@@ -39,10 +39,14 @@ class QEL_EXPORT Entity : public PtrInterface {
   // made-up address.
   static Entity* liveEntity(const void* address);
 
-  // Collection linkage, managed by HashMap only.
+  // Collection linkage, managed by HashMap only. The key is the name the
+  // entity had when it entered its collection: renaming an entity
+  // (nameIsFromBackup) re-keys nothing, and must not disturb the order of
+  // the collection's chains either.
   Entity* qelHashNext_ = nullptr;
   bool qelInCollection_ = false;
-  const Name& qelHashKey() const noexcept { return name_; }
+  const Name& qelHashKey() const noexcept { return qelKey_; }
+  void qelHashKeyFreeze() { qelKey_ = name_; }
   Entity* qelHashValue() noexcept { return this; }
 
  protected:
@@ -55,6 +59,7 @@ class QEL_EXPORT Entity : public PtrInterface {
   Name name_;
   Entity* parent_ = nullptr;
   Name parentAttr_;
+  Name qelKey_;
 };
 
 class QEL_EXPORT Dir : public Entity {

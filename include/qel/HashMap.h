@@ -3,6 +3,7 @@
 // A Member carries its own chain link and key:
 //   Member* (or a base pointer) qelHashNext_;  bool qelInCollection_;
 //   const Key& qelHashKey() const;             Value* qelHashValue();
+//   void qelHashKeyFreeze();  (fixes the key as the member enters the map)
 // The map holds one reference to each member. Within a bucket the chain is
 // sorted by key, which gives iteration a total order to fall back on: an
 // iterator whose map changed under it re-finds its place as "the first
@@ -65,7 +66,9 @@ class HashMap {
   // Links `m` under its key and takes a reference to it. Returns false, and
   // changes nothing, when the key is taken or `m` is already in a map.
   bool newMember(Member* m) {
-    if (!m || m->qelInCollection_ || member(m->qelHashKey())) return false;
+    if (!m || m->qelInCollection_) return false;
+    m->qelHashKeyFreeze();
+    if (member(m->qelHashKey())) return false;
     if (size_ + 1 > buckets_.size()) grow();
     Link* link = &buckets_[bucketOf(m->qelHashKey())];
     while (*link && static_cast<Member*>(*link)->qelHashKey() < m->qelHashKey()) {
