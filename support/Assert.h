@@ -9,8 +9,8 @@ namespace Kronlog {
                                   const char* function) noexcept;
 }  // namespace Kronlog
 
-#define KRONLOG_ASSERT(condition, text)                                   \
-  do {                                                                    \
+#define KRONLOG_ASSERT(condition, text)                                               \
+  do {                                                                                \
     if (!(condition)) ::Kronlog::assertionFailed(text, __FILE__, __LINE__, __func__); \
   } while (0)
 
