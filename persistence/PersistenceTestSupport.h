@@ -9,26 +9,19 @@
 #define KRONLOG_PERSISTENCE_PERSISTENCETESTSUPPORT_H
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
+#include <functional>
 #include <optional>
-#include <ostream>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "kronlog/KronlogReader.h"
@@ -40,54 +33,38 @@
 namespace KronlogTest {
 
 namespace fs = std::filesystem;
+using KronlogTesting::Seen;
 
 constexpr std::uint32_t kAllLevels = 0x7;  // the library traces at 0, 1 and 2
 constexpr std::uint32_t kLevel0 = 0x1;
-
+constexpr char kPathVariable[] = "KRONLOG_STORE_FILE_PATH";
 constexpr char kJsonDoStore[] = "virtual void KronlogStore::JsonStore::doStore()";
 constexpr char kJsonDoRestore[] = "virtual void KronlogStore::JsonStore::doRestore()";
-constexpr char kGetStoreFilePath[] = "const char* KronlogStore::getStoreFilePath(Qel::String)";
 
-// Lowers the file size limit of the process for its lifetime, so that a
-// write past `bytes` fails with EFBIG (and not with a signal).
-class FileSizeLimit {
+// Puts the store path variable back as it was found.
+class SavedPathVariable {
  public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    ::getrlimit(RLIMIT_FSIZE, &saved_);
-    savedHandler_ = ::signal(SIGXFSZ, SIG_IGN);
-    rlimit lowered = saved_;
-    lowered.rlim_cur = bytes;
-    ::setrlimit(RLIMIT_FSIZE, &lowered);
+  SavedPathVariable() {
+    if (const char* old = std::getenv(kPathVariable)) saved_ = std::string(old);
   }
-  ~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &saved_);
-    ::signal(SIGXFSZ, savedHandler_);
+  ~SavedPathVariable() {
+    saved_ ? setenv(kPathVariable, saved_->c_str(), 1) : unsetenv(kPathVariable);
   }
 
  private:
-  rlimit saved_;
-  sighandler_t savedHandler_;
+  std::optional<std::string> saved_;
 };
 
-using KronlogTesting::Seen;
-
-inline Seen seen(unsigned level, const char* file, int line, const char* function,
-                 const std::string& text) {
-  return {level, file, line, function, text};
-}
-
-// A trace of the store's source file.
 inline Seen storeTrace(unsigned level, int line, const char* function, const std::string& text) {
-  return seen(level, "KronlogStore", line, function, text);
+  return {level, "KronlogStore", line, function, text};
 }
-
 // The path resolution trace that opens every store operation.
 inline Seen pathTrace(const std::string& path) {
   return storeTrace(1, 33, "getStoreFilePath",
-                    std::string(kGetStoreFilePath) + " KRONLOG storeFilePath=" + path);
+                    "const char* KronlogStore::getStoreFilePath(Qel::String) KRONLOG "
+                    "storeFilePath=" +
+                        path);
 }
-
-using KronlogTesting::CapturingSink;
 
 inline std::uint64_t bitsOf(double d) {
   std::uint64_t b;
@@ -103,19 +80,15 @@ struct Row {
   double timestamp;
   std::string message;
 
-  std::uint64_t bits() const { return bitsOf(timestamp); }
   bool operator==(const Row& o) const {
-    return agentName == o.agentName && messageGroup == o.messageGroup && bits() == o.bits() &&
-           message == o.message;
+    return agentName == o.agentName && messageGroup == o.messageGroup &&
+           bitsOf(timestamp) == bitsOf(o.timestamp) && message == o.message;
   }
-  bool operator!=(const Row& o) const { return !(*this == o); }
 };
 
 inline std::ostream& operator<<(std::ostream& os, const Row& r) {
-  char t[64];
-  std::snprintf(t, sizeof t, "%.17g (%a)", r.timestamp, r.timestamp);
-  return os << "{" << r.agentName << ", " << r.messageGroup << ", " << t << ", \"" << r.message
-            << "\"}";
+  return os << "{" << r.agentName << ", " << r.messageGroup << ", " << std::hexfloat << r.timestamp
+            << std::defaultfloat << ", \"" << r.message << "\"}";
 }
 
 inline KronlogReader::Status::Ptr statusOf(const std::vector<Row>& rows) {
@@ -127,7 +100,7 @@ inline KronlogReader::Status::Ptr statusOf(const std::vector<Row>& rows) {
   return status;
 }
 
-// The entries of a status log by index, head to tail.
+// The entries of a status log, head to tail.
 inline std::vector<Row> statusRows(const KronlogReader::Status& status) {
   std::vector<Row> rows;
   for (KronlogReader::Status::LogIteratorConst it = status.logIterConst(); it; ++it) {
@@ -159,8 +132,8 @@ inline std::vector<std::string> directoryEntries(const std::string& dir) {
   return names;
 }
 
-// A fresh directory with KRONLOG_STORE_FILE_PATH pointing at "store" in
-// it, and trace capture at the given levels.
+// A fresh directory with the store path pointing at "store" in it, and
+// trace capture at every level.
 class PersistenceTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -169,26 +142,17 @@ class PersistenceTest : public ::testing::Test {
     ASSERT_NE(::mkdtemp(pattern.data()), nullptr) << std::strerror(errno);
     dir_ = pattern;
     storePath_ = dir_ + "/store";
-    if (const char* old = std::getenv(kPathVariable)) savedPath_ = std::string(old);
-    ::setenv(kPathVariable, storePath_.c_str(), 1);
+    storePathIs(storePath_);
     savedLevels_ = Qel::traceLevels("Kronlog");
-    Qel::traceLevelsIs("Kronlog", kAllLevels);
+    traceLevels(kAllLevels);
     Qel::traceSinkIs(&sink_);
   }
-
   void TearDown() override {
     Qel::traceSinkIs(nullptr);
-    Qel::traceLevelsIs("Kronlog", savedLevels_);
-    if (savedPath_) {
-      ::setenv(kPathVariable, savedPath_->c_str(), 1);
-    } else {
-      ::unsetenv(kPathVariable);
-    }
+    traceLevels(savedLevels_);
     std::error_code ignored;
     fs::remove_all(dir_, ignored);
   }
-
-  static constexpr char kPathVariable[] = "KRONLOG_STORE_FILE_PATH";
 
   void traceLevels(std::uint32_t mask) { Qel::traceLevelsIs("Kronlog", mask); }
   void storePathIs(const std::string& path) { ::setenv(kPathVariable, path.c_str(), 1); }
@@ -199,12 +163,6 @@ class PersistenceTest : public ::testing::Test {
 
   void writeStoreFile(const std::string& bytes) { writeFile(storePath_, bytes); }
   std::string readStoreFile() const { return readFile(storePath_); }
-  bool storeFileExists() const { return fs::exists(fs::symlink_status(storePath_)); }
-
-  // A store file of the three lines with `json` as the third.
-  void writeStore(const std::string& json) {
-    writeStoreFile("FORMAT: JSON\nVERSION: 1\n" + json + "\n");
-  }
 
   void store(const std::vector<Row>& rows) {
     KronlogStore::jsonStoreFactory(statusOf(rows))->doStore();
@@ -217,49 +175,30 @@ class PersistenceTest : public ::testing::Test {
   }
 
   const std::vector<Seen>& traces() const { return sink_.records; }
-  std::vector<Seen> tracesOf(const char* file) const {
+  std::vector<Seen> tracesWhere(const std::function<bool(const Seen&)>& wanted) const {
     std::vector<Seen> out;
-    for (const Seen& s : sink_.records) {
-      if (s.file == file) out.push_back(s);
-    }
+    std::copy_if(traces().begin(), traces().end(), std::back_inserter(out), wanted);
     return out;
   }
-  std::vector<Seen> tracesAt(unsigned level) const {
-    std::vector<Seen> out;
-    for (const Seen& s : sink_.records) {
-      if (s.level == level) out.push_back(s);
-    }
-    return out;
+  std::vector<Seen> tracesOf(const std::string& file) const {
+    return tracesWhere([&](const Seen& s) { return s.file == file; });
   }
   void clearTraces() { sink_.records.clear(); }
 
  private:
+  SavedPathVariable savedPath_;
   std::string dir_;
   std::string storePath_;
-  std::optional<std::string> savedPath_;
   std::uint32_t savedLevels_ = 0;
-  CapturingSink sink_;
+  KronlogTesting::CapturingSink sink_;
 };
 
-// For tests whose process is meant to die: the store path is saved and
-// restored, and files go to anonymous memory (storeInMemoryIs) so a process
-// that ends in an assertion leaves nothing on disk. Death tests run in a
-// freshly started copy of the test program.
+// For tests whose process is meant to die (each runs in a freshly started
+// copy of the test program): the store file lives in anonymous memory, so
+// a process that ends in an assertion leaves nothing on disk.
 class DeathTestBase : public ::testing::Test {
  protected:
-  void SetUp() override {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    if (const char* old = std::getenv(kPathVariable)) savedPath_ = std::string(old);
-  }
-  void TearDown() override {
-    if (savedPath_) {
-      ::setenv(kPathVariable, savedPath_->c_str(), 1);
-    } else {
-      ::unsetenv(kPathVariable);
-    }
-  }
-
-  static constexpr char kPathVariable[] = "KRONLOG_STORE_FILE_PATH";
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
   // Points the store path at an in-memory file holding `bytes`.
   static void storeInMemoryIs(const std::string& bytes) {
@@ -272,7 +211,7 @@ class DeathTestBase : public ::testing::Test {
   }
 
  private:
-  std::optional<std::string> savedPath_;
+  SavedPathVariable savedPath_;
 };
 
 }  // namespace KronlogTest

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <map>
 #include <optional>
@@ -136,20 +135,13 @@ const PatternCase kPatternCases[] = {
     {"agent", "agent1", false},
     {"agent", "xagent", false},
     {"agent", "Agent", false},
-    {"agent", "AGENT", false},
     {"bgp|ospf", "ospf", true},
     {"bgp|ospf", "bgpospf", false},
-    {"bgp|ospf", "bgp", true},
     {"^agent$", "agent", true},
-    {"^agent", "agent1", false},
     {"agent[0-9]+", "agent12", true},
-    {"agent[0-9]+", "agent", false},
-    {"a.*", "a", true},
-    {"a.*", "ba", false},
     {"", "", true},
     {"", "a", false},
     {".+", "", false},
-    {"(peer|route)s?", "routes", true},
 };
 
 class PatternMatchTest : public ReadTest, public ::testing::WithParamInterface<PatternCase> {};
@@ -187,17 +179,11 @@ const std::vector<std::string> kAwkwardNames = {
     "",
     "plain",
     "a\nb",
-    "\n",
     "trailing\r",
-    "\r\n",
     std::string("nul\0inside", 10),
-    std::string(1, '\0'),
-    "tab\there",
-    "\xc3\xa4gent",              // a-umlaut
-    "\xe6\x97\xa5\xe6\x9c\xac",  // two CJK characters
-    "\xe2\x80\xa8",              // U+2028 LINE SEPARATOR, as UTF-8 bytes
-    "\xc2\x85",                  // U+0085 NEXT LINE, as UTF-8 bytes
-    "\x85",
+    "\xc3\xa4gent",  // a-umlaut
+    "\xe2\x80\xa8",  // U+2028 LINE SEPARATOR, as UTF-8 bytes
+    "\xc2\x85",      // U+0085 NEXT LINE, as UTF-8 bytes
     "\xff\xfe",
 };
 
@@ -214,15 +200,10 @@ std::vector<std::string> regexSelected(const std::string& pattern,
 
 class DotStarTest : public ReadTest, public ::testing::WithParamInterface<const char*> {
  protected:
-  std::vector<std::string> selectedAgents() const {
+  // The agent names (or group names) the read kept, sorted.
+  std::vector<std::string> selected(bool groups) const {
     std::vector<std::string> out;
-    for (const Row& r : statusRows()) out.push_back(std::get<0>(r));
-    std::sort(out.begin(), out.end());
-    return out;
-  }
-  std::vector<std::string> selectedGroups() const {
-    std::vector<std::string> out;
-    for (const Row& r : statusRows()) out.push_back(std::get<1>(r));
+    for (const Row& r : statusRows()) out.push_back(groups ? std::get<1>(r) : std::get<0>(r));
     std::sort(out.begin(), out.end());
     return out;
   }
@@ -232,19 +213,18 @@ TEST_P(DotStarTest, AgentPatternAgreesWithRegexMatch) {
   for (const std::string& name : kAwkwardNames) addEntry(name, "group", 1.0, "m");
   config_->agentPatternIs(GetParam());
   read();
-  EXPECT_EQ(selectedAgents(), regexSelected(GetParam(), kAwkwardNames));
+  EXPECT_EQ(selected(false), regexSelected(GetParam(), kAwkwardNames));
 }
 
 TEST_P(DotStarTest, MessageGroupPatternAgreesWithRegexMatch) {
   for (const std::string& name : kAwkwardNames) addEntry("agent", name, 1.0, "m");
   config_->messageGroupPatternIs(GetParam());
   read();
-  EXPECT_EQ(selectedGroups(), regexSelected(GetParam(), kAwkwardNames));
+  EXPECT_EQ(selected(true), regexSelected(GetParam(), kAwkwardNames));
 }
 
 INSTANTIATE_TEST_SUITE_P(Patterns, DotStarTest,
-                         ::testing::Values(".*", "(.*)", ".*.*", ".+", ".*t", ".*\\n?", "[^\\n]*",
-                                           "[\\s\\S]*"));
+                         ::testing::Values(".*", "(.*)", ".+", ".*\\n?", "[^\\n]*", "[\\s\\S]*"));
 
 TEST_F(ReadTest, DefaultPatternsLeaveOutNamesWithLineTerminators) {
   addEntry("a\nb", "group", 1.0, "newline agent");
@@ -270,23 +250,13 @@ std::ostream& operator<<(std::ostream& os, const WindowCase& c) {
 const WindowCase kWindowCases[] = {
     {1.0, 2.0, 1.0, true},
     {1.0, 2.0, 2.0, true},
-    {1.0, 2.0, 1.5, true},
     {1.0, 2.0, std::nextafter(1.0, 0.0), false},
     {1.0, 2.0, std::nextafter(2.0, 3.0), false},
     {2.0, 2.0, 2.0, true},
     {3.0, 1.0, 2.0, false},  // an inverted window holds nothing
-    {0.0, kInf, 0.0, true},
-    {0.0, kInf, -0.0, true},
     {0.0, kInf, -1e-300, false},
-    {0.0, kInf, -1.0, false},
-    {0.0, kInf, kInf, true},
-    {0.0, kInf, -kInf, false},
-    {-kInf, kInf, -kInf, true},
-    {0.0, kInf, kNaN, false},
     {-kInf, kInf, kNaN, false},
-    {kNaN, kInf, 1.0, false},
     {0.0, kNaN, 1.0, false},
-    {1.7e9, 1.8e9, 1763805600.125, true},
 };
 
 class TimeWindowTest : public ReadTest, public ::testing::WithParamInterface<WindowCase> {};
@@ -302,20 +272,12 @@ TEST_P(TimeWindowTest, KeepsEntryExactlyWhenInsideWindow) {
 INSTANTIATE_TEST_SUITE_P(Table, TimeWindowTest, ::testing::ValuesIn(kWindowCases));
 
 TEST_F(ReadTest, DefaultWindowDropsNegativeAndNaNTimestampsOnly) {
-  for (double t : {-5.0, 3.0, kNaN, 0.0, -kInf, kInf, -0.5}) addEntry("agent", "group", t, "m");
+  for (double t : {-5.0, 3.0, kNaN, 0.0, -kInf, kInf, -0.5, -0.0})
+    addEntry("agent", "group", t, "m");
   read();
   std::vector<double> kept;
   for (const Row& r : statusRows()) kept.push_back(std::get<2>(r));
-  EXPECT_EQ(kept, (std::vector<double>{0.0, 3.0, kInf}));
-}
-
-TEST_F(ReadTest, EntriesAtBothEdgesAreKeptAmongOthers) {
-  for (double t : {0.5, 1.0, 1.5, 2.0, 2.5}) addEntry("agent", "group", t, std::to_string(t));
-  config_->minTimestampIs(1.0);
-  config_->maxTimestampIs(2.0);
-  read();
-  EXPECT_EQ(statusMessages(), (std::vector<std::string>{std::to_string(1.0), std::to_string(1.5),
-                                                        std::to_string(2.0)}));
+  EXPECT_EQ(kept, (std::vector<double>{0.0, -0.0, 3.0, kInf}));
 }
 
 // ---- Merge order.
@@ -344,13 +306,6 @@ TEST_F(MergeOrderTest, EntriesComeOutInTimestampOrderAcrossWriters) {
   EXPECT_EQ(statusMessages(), (std::vector<std::string>{"a", "b", "c", "e", "f", "g"}));
 }
 
-TEST_F(MergeOrderTest, EqualTimestampsOfTwoWritersKeepVisitingOrder) {
-  for (const char* group : {"peer", "route"})
-    addEntry("bgp", group, 5.0, std::string("bgp/") + group);
-  read();
-  EXPECT_EQ(statusRows(), inVisitOrder(5.0));
-}
-
 TEST_F(MergeOrderTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
   Qel::Dir::Ptr second = Qel::dirFactory("more agents");
   config_->dirIs(second);
@@ -362,18 +317,6 @@ TEST_F(MergeOrderTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
   }
   read();
   EXPECT_EQ(statusRows(), inVisitOrder(5.0));
-}
-
-TEST_F(MergeOrderTest, EqualTimestampsWithinOneWriterKeepLogOrder) {
-  for (const char* m : {"first", "second", "third"}) addEntry("agent", "group", 4.0, m);
-  read();
-  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"first", "second", "third"}));
-}
-
-TEST_F(MergeOrderTest, ReaderLogEntryCarriesAgentGroupTimestampAndMessage) {
-  addEntry("bgp", "peer", 12.5, "peer 10.0.0.1 down");
-  read();
-  EXPECT_EQ(statusRows(), (std::vector<Row>{{"bgp", "peer", 12.5, "peer 10.0.0.1 down"}}));
 }
 
 // Writers filled out of time order (restored or streamed logs) still merge
@@ -390,13 +333,9 @@ std::ostream& operator<<(std::ostream& os, const UnorderedCase& c) {
 
 const UnorderedCase kUnorderedCases[] = {
     {"descending", {5, 4, 3, 2, 1}, {}},
-    {"mixed", {3, 1, 3, 2, 1}, {}},
     {"three ascending runs", {1, 2, 3, 1, 2, 3, 1, 2}, {}},
     {"ties across runs", {2, 1, 2, 1, 2, 1, 2}, {}},
-    {"all equal", {4, 4, 4, 4}, {}},
-    {"single entry runs", {9, 8, 7, 6, 5, 4, 3, 2, 1}, {}},
     {"two unordered writers", {3, 1, 2}, {2, 3, 1}},
-    {"ordered then descending", {1, 2, 3}, {3, 2, 1}},
     {"writer continues the other", {1, 2}, {2, 3, 0}},
 };
 
@@ -408,7 +347,6 @@ TEST_P(UnorderedLogTest, ComesOutStablySortedByTimestamp) {
   const char* groups[2] = {"one", "two"};
   const std::vector<double>* timestamps[2] = {&GetParam().first, &GetParam().second};
   for (int w = 0; w < 2; ++w) {
-    if (timestamps[w]->empty()) continue;
     for (std::size_t k = 0; k < timestamps[w]->size(); ++k) {
       const std::string message = std::string(groups[w]) + "#" + std::to_string(k);
       addEntry("agent", groups[w], (*timestamps[w])[k], message);
@@ -457,34 +395,18 @@ TEST_F(AppendToStatusTest, EntriesFollowWhatTheStatusHeld) {
   EXPECT_EQ(statusIndices(), (std::vector<unsigned int>{0, 7, 8, 9}));
 }
 
-TEST_F(AppendToStatusTest, ReadWithNothingSelectedLeavesStatusAsItWas) {
-  status_->logEnq(KronlogReader::logEntryFactory("held", "held", 1.0, "held"));
-  addEntry("agent", "group", 5.0, "m");
-  config_->maxTimestampIs(4.0);
-  read();
-  EXPECT_EQ(statusRows(), (std::vector<Row>{{"held", "held", 1.0, "held"}}));
-  EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 1));
-}
-
 // ---- What a directory holds besides writer directories.
 
 class NonWriterEntityTest : public ReadTest {};
 
-TEST_F(NonWriterEntityTest, PlainDirectoriesAmongAgentsAreSkipped) {
+TEST_F(NonWriterEntityTest, PlainDirectoriesAmongAgentsAreSkippedAndNotSearched) {
   dir_->entityIs(Qel::dirFactory("agent0"));
   addEntry("agent1", "group", 1.0, "from agent1");
-  dir_->entityIs(Qel::dirFactory("agent2"));
-  read();
-  EXPECT_EQ(statusMessages(), std::vector<std::string>{"from agent1"});
-}
-
-TEST_F(NonWriterEntityTest, WriterDirectoriesNestedDeeperAreNotSearched) {
   Qel::Dir::Ptr nested = Qel::dirFactory("nested");
   dir_->entityIs(nested);
   ::addEntry(nested, "deep", "group", 1.0, "deep");
-  addEntry("top", "group", 2.0, "top");
   read();
-  EXPECT_EQ(statusMessages(), std::vector<std::string>{"top"});
+  EXPECT_EQ(statusMessages(), std::vector<std::string>{"from agent1"});
 }
 
 TEST_F(NonWriterEntityTest, EmptyDirectoriesAndWriterlessAgentsGiveNothing) {
@@ -514,13 +436,6 @@ TEST_F(MalformedPatternTest, BadAgentPatternThrowsAndLeavesStatusUntouched) {
   EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 1));
 }
 
-TEST_F(MalformedPatternTest, BadAgentPatternThrowsForWriterlessAgent) {
-  agentIn(dir_, "agent");
-  config_->agentPatternIs("(");
-  EXPECT_THROW(read(), std::regex_error);
-  EXPECT_EQ(statusRows(), before_);
-}
-
 TEST_F(MalformedPatternTest, BadAgentPatternSucceedsWithoutWriterDirectories) {
   dir_->entityIs(Qel::dirFactory("not an agent"));
   config_->dirIs(Qel::dirFactory("empty"));
@@ -532,16 +447,7 @@ TEST_F(MalformedPatternTest, BadAgentPatternSucceedsWithoutWriterDirectories) {
   EXPECT_EQ(statusRows(), before_);
 }
 
-TEST_F(MalformedPatternTest, BadGroupPatternThrowsOnceAWriterIsCompared) {
-  addEntry("agent", "group", 1.0, "m");
-  addEntry("other", "group", 2.0, "m");
-  config_->messageGroupPatternIs("[");
-  EXPECT_THROW(read(), std::regex_error);
-  EXPECT_EQ(statusRows(), before_);
-}
-
 TEST_F(MalformedPatternTest, BadGroupPatternThrowsAfterEarlierWritersWereCollected) {
-  // Whatever was collected before the failure never reaches the status.
   addEntry("good", "group", 1.0, "m");
   addEntry("bad", "group", 2.0, "m");
   config_->messageGroupPatternIs("a{2,1}");
@@ -549,15 +455,7 @@ TEST_F(MalformedPatternTest, BadGroupPatternThrowsAfterEarlierWritersWereCollect
   EXPECT_EQ(statusRows(), before_);
 }
 
-TEST_F(MalformedPatternTest, BadGroupPatternSucceedsWhenNoAgentMatched) {
-  addEntry("agent", "group", 1.0, "m");
-  config_->agentPatternIs("nobody");
-  config_->messageGroupPatternIs("(");
-  EXPECT_NO_THROW(read());
-  EXPECT_EQ(statusRows(), before_);
-}
-
-TEST_F(MalformedPatternTest, BadGroupPatternSucceedsWhenMatchedAgentHasNoWriters) {
+TEST_F(MalformedPatternTest, BadGroupPatternSucceedsWhenNoMatchedAgentHasWriters) {
   agentIn(dir_, "agent");
   writerIn(dir_, "excluded", "group");
   config_->agentPatternIs("agent");
@@ -596,32 +494,17 @@ class ReadTraceTest : public ReadTest {
   std::uint32_t savedLevels_ = 0;
 };
 
-TEST_F(ReadTraceTest, LevelZeroTracesEntryWithFullSignature) {
-  addEntry("agent", "group", 1.0, "m");
-  readTracing(1u << 0);
-  EXPECT_EQ(sink_.records, (std::vector<Traced>{{0, "KronlogReader", 29, "doRead",
-                                                 "void KronlogReader::Reader::doRead()"}}));
-}
-
-TEST_F(ReadTraceTest, LevelTwoTracesDefaultWindowOncePerSelectedWriter) {
+TEST_F(ReadTraceTest, LevelTwoTracesTheWindowOncePerSelectedWriterInStreamFormat) {
   addEntry("agent", "one", 1.0, "m");
   addEntry("agent", "two", 1.0, "m");
   addEntry("agent", "skipped", 1.0, "m");
   config_->messageGroupPatternIs("one|two");
-  readTracing(1u << 2);
-  const Traced window{2, "KronlogReader", 85, "handleWriter",
-                      "handleWriter config->minTimestamp: 0 config->maxTimestamp: inf"};
-  EXPECT_EQ(sink_.records, (std::vector<Traced>{window, window}));
-}
-
-TEST_F(ReadTraceTest, LevelTwoUsesStreamDefaultsForWindowBounds) {
-  addEntry("agent", "group", 1.0, "m");
   config_->minTimestampIs(1763805600.125);
   config_->maxTimestampIs(-0.25);
   readTracing(1u << 2);
-  EXPECT_EQ(sink_.records, (std::vector<Traced>{{2, "KronlogReader", 85, "handleWriter",
-                                                 "handleWriter config->minTimestamp: 1.76381e+09 "
-                                                 "config->maxTimestamp: -0.25"}}));
+  const Traced window{2, "KronlogReader", 85, "handleWriter",
+                      "handleWriter config->minTimestamp: 1.76381e+09 config->maxTimestamp: -0.25"};
+  EXPECT_EQ(sink_.records, (std::vector<Traced>{window, window}));
 }
 
 TEST_F(ReadTraceTest, LevelOneListsEveryEntryExaminedIncludingRejectedOnes) {
@@ -663,13 +546,6 @@ TEST_F(ReadTraceTest, AllLevelsTraceInReadOrder) {
           {2, "KronlogReader", 85, "handleWriter",
            "handleWriter config->minTimestamp: 0 config->maxTimestamp: inf"},
           entry("handleWriter agentName: agent messageGroup: group timestamp: 1 message: m")}));
-}
-
-TEST_F(ReadTraceTest, NothingIsTracedWithLevelsOff) {
-  addEntry("agent", "group", 1.0, "m");
-  readTracing(0);
-  EXPECT_TRUE(sink_.records.empty());
-  EXPECT_EQ(status_->logs(), 1u);
 }
 
 // ---- Against a plain read over generated directories.
@@ -732,14 +608,12 @@ class Generator {
   }
 
   Config::Ptr config(const std::vector<Qel::Dir::Ptr>& dirs) {
-    static const char* const kAgentPatterns[] = {
-        ".*", ".*",     ".*",   "agent[0-9]", "agent.*", "bgp|ospf", "(bgp|ospf)", "a.*",   "",
-        ".+", "[a-z]+", "(.*)", "A.*",        "(",       "[^\\n]*",  ".*1",        ".*\\r?"};
-    static const char* const kGroupPatterns[] = {".*",  ".*",  ".*",     "peer", "peer|route",
-                                                 "p.*", "P.*", "[a-z]+", "",     "(.*)",
-                                                 "[",   ".+",  ".*r"};
-    static const double kWindows[][2] = {{0, kInf}, {0, kInf}, {-kInf, kInf}, {1, 3},      {2, 2},
-                                         {3, 1},    {-1, 0},   {-0.0, 1e9},   {kNaN, kInf}};
+    static const char* const kAgentPatterns[] = {".*",   ".*",  "agent[0-9]", "bgp|ospf", "",
+                                                 "(.*)", "A.*", "(",          "[^\\n]*"};
+    static const char* const kGroupPatterns[] = {".*", ".*", "peer|route", "P.*",
+                                                 "",   "[",  ".+",         ".*r"};
+    static const double kWindows[][2] = {{0, kInf}, {0, kInf}, {-kInf, kInf}, {1, 3},
+                                         {2, 2},    {3, 1},    {kNaN, kInf}};
     Config::Ptr c = KronlogReader::configFactory();
     for (const Qel::Dir::Ptr& d : dirs) {
       if (below(4) != 0) c->dirIs(d);
@@ -754,9 +628,9 @@ class Generator {
 
  private:
   void fillEntity(const Qel::Dir::Ptr& dir) {
-    static const std::string kAgents[] = {
-        "agent0", "agent1", "agent2", "agent10", "Agent1",       "bgp",
-        "ospf",   "a\nb",   "",       "x\ry",    "\xc3\xa4gent", std::string("nul\0x", 5)};
+    static const std::string kAgents[] = {"agent0", "agent1", "agent10",
+                                          "Agent1", "bgp",    "a\nb",
+                                          "",       "x\ry",   std::string("nul\0x", 5)};
     const std::string& name = pick(kAgents);
     if (dir->entity(Qel::Name(name))) return;
     if (below(6) == 0) {
@@ -768,29 +642,17 @@ class Generator {
   }
 
   void fillWriter(WriterDir& agent) {
-    static const std::string kGroups[] = {"peer", "route", "log", "peer1",
-                                          "Peer", "g\n",   "",    "p\r"};
-    static const double kTimes[] = {-1,  -0.0, 0, 0.5, 1, 1,   1,    2,     2,   2,
-                                    2.5, 3,    3, 5,   8, 1e9, kInf, -kInf, kNaN};
+    static const std::string kGroups[] = {"peer", "route", "Peer", "g\n", "", "p\r"};
+    static const double kTimes[] = {-1, -0.0, 0, 1, 1, 2, 2, 2, 3, 5, kInf, -kInf, kNaN};
     const KronlogWriter::Writer::Ptr writer =
         agent.writerIs(Qel::Name(pick(kGroups)), KronlogWriter::Config());
     std::vector<double> times(below(12));
     for (double& t : times) t = pick(kTimes);
-    switch (below(3)) {
-      case 0:  // in time order, as a live writer's log is
-        times.erase(
-            std::remove_if(times.begin(), times.end(), [](double t) { return std::isnan(t); }),
-            times.end());
-        std::stable_sort(times.begin(), times.end());
-        break;
-      case 1:  // descending
-        times.erase(
-            std::remove_if(times.begin(), times.end(), [](double t) { return std::isnan(t); }),
-            times.end());
-        std::stable_sort(times.begin(), times.end(), std::greater<double>());
-        break;
-      default:  // as drawn
-        break;
+    if (below(2) == 0) {  // in time order, as a live writer's log is; else as drawn
+      times.erase(
+          std::remove_if(times.begin(), times.end(), [](double t) { return std::isnan(t); }),
+          times.end());
+      std::stable_sort(times.begin(), times.end());
     }
     for (double t : times) {
       writer->logEnq(KronlogWriter::LogEntry(t, Qel::String("m" + std::to_string(serial_++))));
@@ -806,7 +668,7 @@ class PlainReadEquivalenceTest : public ::testing::TestWithParam<std::uint32_t> 
 TEST_P(PlainReadEquivalenceTest, StatusMatchesPlainReadForGeneratedDirectories) {
   Generator gen(GetParam());
   const std::vector<Qel::Dir::Ptr> dirs = gen.directories();
-  for (int round = 0; round < 12; ++round) {
+  for (int round = 0; round < 10; ++round) {
     Config::Ptr config = gen.config(dirs);
     Status::Ptr status = KronlogReader::statusFactory();
     for (std::uint32_t k = gen.below(3); k > 0; --k) {
@@ -855,6 +717,6 @@ TEST_P(PlainReadEquivalenceTest, LongInterleavedLogsMatchPlainRead) {
   EXPECT_EQ(rowsOf(*status), *expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, PlainReadEquivalenceTest, ::testing::Range<std::uint32_t>(1, 41));
+INSTANTIATE_TEST_SUITE_P(Seeds, PlainReadEquivalenceTest, ::testing::Range<std::uint32_t>(1, 13));
 
 }  // namespace
