@@ -143,13 +143,9 @@ class PersistenceTest : public ::testing::Test {
     dir_ = pattern;
     storePath_ = dir_ + "/store";
     storePathIs(storePath_);
-    savedLevels_ = Qel::traceLevels("Kronlog");
     traceLevels(kAllLevels);
-    Qel::traceSinkIs(&sink_);
   }
   void TearDown() override {
-    Qel::traceSinkIs(nullptr);
-    traceLevels(savedLevels_);
     std::error_code ignored;
     fs::remove_all(dir_, ignored);
   }
@@ -189,7 +185,6 @@ class PersistenceTest : public ::testing::Test {
   SavedPathVariable savedPath_;
   std::string dir_;
   std::string storePath_;
-  std::uint32_t savedLevels_ = 0;
   KronlogTesting::CapturingSink sink_;
 };
 

@@ -471,15 +471,6 @@ using Traced = KronlogTesting::Seen;
 
 class ReadTraceTest : public ReadTest {
  protected:
-  void SetUp() override {
-    savedLevels_ = Qel::traceLevels("Kronlog");
-    Qel::traceLevelsIs("Kronlog", 0);
-    Qel::traceSinkIs(&sink_);
-  }
-  void TearDown() override {
-    Qel::traceSinkIs(nullptr);
-    Qel::traceLevelsIs("Kronlog", savedLevels_);
-  }
   // Enables exactly these levels for the read that follows.
   void readTracing(std::uint32_t mask) {
     Qel::traceLevelsIs("Kronlog", mask);
@@ -491,7 +482,6 @@ class ReadTraceTest : public ReadTest {
   }
 
   CapturingSink sink_;
-  std::uint32_t savedLevels_ = 0;
 };
 
 TEST_F(ReadTraceTest, LevelTwoTracesTheWindowOncePerSelectedWriterInStreamFormat) {

@@ -3,6 +3,7 @@
 #ifndef KRONLOG_SUPPORT_TRACECAPTURE_H
 #define KRONLOG_SUPPORT_TRACECAPTURE_H
 
+#include <cstdint>
 #include <ostream>
 #include <string>
 #include <tuple>
@@ -30,14 +31,31 @@ inline std::ostream& operator<<(std::ostream& os, const Seen& s) {
             << ": \"" << s.text << '"';
 }
 
-// Keeps the records of the "Kronlog" facility; install with Qel::traceSinkIs.
+// Keeps the records of the "Kronlog" facility for as long as it lives: it
+// installs itself as the trace sink with every Kronlog level off, and puts
+// back the default sink and the levels it found when it goes. Tests switch
+// on the levels they assert.
 class CapturingSink : public Qel::TraceSink {
  public:
+  CapturingSink() : savedLevels_(Qel::traceLevels("Kronlog")) {
+    Qel::traceLevelsIs("Kronlog", 0);
+    Qel::traceSinkIs(this);
+  }
+  ~CapturingSink() override {
+    Qel::traceSinkIs(nullptr);
+    Qel::traceLevelsIs("Kronlog", savedLevels_);
+  }
+  CapturingSink(const CapturingSink&) = delete;
+  CapturingSink& operator=(const CapturingSink&) = delete;
+
   void onRecord(const Qel::TraceRecord& r) override {
     if (r.facility != "Kronlog") return;
     records.push_back({r.level, r.file, r.line, r.function, r.text.stdString()});
   }
   std::vector<Seen> records;
+
+ private:
+  std::uint32_t savedLevels_;
 };
 
 }  // namespace KronlogTesting

@@ -18,7 +18,7 @@ using Args = std::vector<std::string>;
 
 int showCommand(const Args& args);
 int checkCommand(const Args& args);
-int demoCommand(const Args& args, const std::string& self);
+int demoCommand(const Args& args);
 
 // The store path when none is given: the library's rule (the environment
 // variable KRONLOG_STORE_FILE_PATH when set, else the default path).

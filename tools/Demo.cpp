@@ -116,8 +116,7 @@ int runAgents(const std::string& store, double start) {
 
 }  // namespace
 
-int demoCommand(const Args& args, const std::string& self) {
-  (void)self;
+int demoCommand(const Args& args) {
   for (const std::string& a : args) {
     if (a == "--help" || a == "-h") {
       std::fputs(kDemoUsage, stdout);

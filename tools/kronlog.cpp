@@ -49,7 +49,7 @@ int main(int argc, char** argv) {
     }
     if (command == "show") return KronlogTool::showCommand(args);
     if (command == "check") return KronlogTool::checkCommand(args);
-    if (command == "demo") return KronlogTool::demoCommand(args, argv[0]);
+    if (command == "demo") return KronlogTool::demoCommand(args);
   } catch (const std::exception& e) {
     // Not expected: every input is validated first. Still one line, no trace.
     std::fprintf(stderr, "kronlog %s: internal error: %s\n", command.c_str(), e.what());

@@ -458,14 +458,6 @@ class WriterTraceTest : public WriterTest {
   void SetUp() override {
     WriterTest::SetUp();
     gClockStep = 0;  // trace records read the clock too
-    savedLevels_ = Qel::traceLevels("Kronlog");
-    Qel::traceLevelsIs("Kronlog", 0);
-    Qel::traceSinkIs(&sink_);
-  }
-  void TearDown() override {
-    Qel::traceSinkIs(nullptr);
-    Qel::traceLevelsIs("Kronlog", savedLevels_);
-    WriterTest::TearDown();
   }
 
   // Fills a writer with tracing off, then records `message` with `mask` on.
@@ -479,7 +471,6 @@ class WriterTraceTest : public WriterTest {
   }
 
   CapturingSink sink_;
-  std::uint32_t savedLevels_ = 0;
 };
 
 TEST_F(WriterTraceTest, FullKeepLastEventTracesEntryStepsAndTheRecordedEntry) {
