@@ -67,12 +67,17 @@ Config::Ptr configFactory() {
   return c;
 }
 
+namespace {
+void requireDir(const Qel::Ptr<Qel::Dir>& dir) {
+  if (dir) return;
+  // The trailing double quote belongs to the message as operators know it.
+  Qel::throwRangeException(
+      "null _dir parameter to mutator for KronlogReader::Config::dir not allowed\"");
+}
+}  // namespace
+
 void Config::dirIs(Qel::Ptr<Qel::Dir> const& dir) {
-  if (!dir) {
-    // The trailing double quote belongs to the message as operators know it.
-    Qel::throwRangeException(
-        "null _dir parameter to mutator for KronlogReader::Config::dir not allowed\"");
-  }
+  requireDir(dir);
   if (QelDir* member = dirs_.member(dir->name())) {
     if (member->dir() == dir) return;
     member->dirIs(dir);
@@ -83,10 +88,7 @@ void Config::dirIs(Qel::Ptr<Qel::Dir> const& dir) {
 }
 
 Qel::Ptr<Config::QelDir> Config::newDir(Qel::Ptr<Qel::Dir> const& dir) {
-  if (!dir) {
-    Qel::throwRangeException(
-        "null _dir parameter to mutator for KronlogReader::Config::dir not allowed\"");
-  }
+  requireDir(dir);
   Qel::Ptr<QelDir> member(new QelDir(dir));
   if (!dirs_.newMember(member.ptr())) {
     Qel::throwNameInUseException(Qel::String("KronlogReader::Config already holds a directory " +
