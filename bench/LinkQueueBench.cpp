@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "kronlog/LinkQueue.h"
+#include "qel/LinkQueue.h"
 #include "qel/Ptr.h"
 #include "qel/String.h"
 #include "qel/Trace.h"

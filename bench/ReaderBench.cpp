@@ -19,7 +19,7 @@
 
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogWriter.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/String.h"
 
 namespace {

@@ -28,7 +28,7 @@
 #include "kronlog/KronlogStore.h"
 #include "qel/String.h"
 #include "qel/Trace.h"
-#include "support/TraceCapture.h"
+#include "testing/TraceCapture.h"
 
 namespace KronlogTest {
 

@@ -16,7 +16,7 @@
 #include "kronlog/KronlogRestorer.h"
 #include "kronlog/KronlogWriter.h"
 #include "persistence/PersistenceTestSupport.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/Exception.h"
 #include "qel/Strep.h"
 #include "qel/Type.h"

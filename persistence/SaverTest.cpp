@@ -11,7 +11,7 @@
 #include "kronlog/KronlogSaver.h"
 #include "kronlog/KronlogWriter.h"
 #include "persistence/PersistenceTestSupport.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/Type.h"
 
 namespace KronlogTest {

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/Ptr.h"
 
 // Under AddressSanitizer the allocator hands every block back to the system,

@@ -1,6 +1,6 @@
 // Directories: membership, the parent link, one collection per entity,
 // replacement under a taken name, and removal of every member.
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 
 #include <gtest/gtest.h>
 

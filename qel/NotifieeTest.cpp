@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "qel/Allocator.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/Exception.h"
 #include "qel/String.h"
 

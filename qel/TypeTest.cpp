@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/Exception.h"
 
 namespace {

@@ -19,10 +19,10 @@
 
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogWriter.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/String.h"
 #include "qel/Trace.h"
-#include "support/TraceCapture.h"
+#include "testing/TraceCapture.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogWriter.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/Exception.h"
 #include "qel/Type.h"
 

@@ -11,7 +11,7 @@
 #include "kronlog/KronlogRestorer.h"
 #include "kronlog/KronlogSaver.h"
 #include "kronlog/KronlogWriter.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "tools/Commands.h"
 #include "tools/Options.h"
 #include "tools/Output.h"

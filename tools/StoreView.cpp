@@ -7,7 +7,7 @@
 
 #include "kronlog/KronlogStore.h"
 #include "kronlog/KronlogWriter.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 
 namespace KronlogTool {
 

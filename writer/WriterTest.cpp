@@ -13,7 +13,7 @@
 #include "qel/Exception.h"
 #include "qel/Trace.h"
 #include "qel/Type.h"
-#include "support/TraceCapture.h"
+#include "testing/TraceCapture.h"
 
 namespace {
 

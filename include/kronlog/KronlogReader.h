@@ -16,9 +16,9 @@
 #include <limits>
 
 #include "kronlog/Export.h"
-#include "kronlog/LinkQueue.h"
+#include "qel/LinkQueue.h"
 #include "qel/Allocator.h"
-#include "qel/Entity.h"
+#include "qel/Dir.h"
 #include "qel/HashMap.h"
 #include "qel/String.h"
 

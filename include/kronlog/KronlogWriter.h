@@ -13,7 +13,7 @@
 #include <iosfwd>
 
 #include "kronlog/Export.h"
-#include "kronlog/LinkQueue.h"
+#include "qel/LinkQueue.h"
 #include "qel/Allocator.h"
 #include "qel/Entity.h"
 #include "qel/HashMap.h"

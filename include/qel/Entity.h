@@ -1,15 +1,11 @@
-// Entities and directories.
+// Entities: named framework objects.
 //
-// An Entity is a named framework object that may sit in one collection of
-// one parent at a time. A Dir is an entity holding other entities keyed by
-// their names; it owns them (holds a reference) and is their parent.
+// An Entity may sit in one collection of one parent at a time; the
+// collection holds the reference, the entity only points back at its parent.
 #ifndef QEL_ENTITY_H
 #define QEL_ENTITY_H
 
-#include "qel/Allocator.h"
 #include "qel/Export.h"
-#include "qel/HashMap.h"
-#include "qel/Notifiee.h"
 #include "qel/Ptr.h"
 #include "qel/String.h"
 
@@ -61,55 +57,6 @@ class QEL_EXPORT Entity : public PtrInterface {
   Name parentAttr_;
   Name qelKey_;
 };
-
-class QEL_EXPORT Dir : public Entity {
-  QEL_TRACKED_ALLOCATION()
-
- public:
-  using Ptr = Qel::Ptr<Dir>;
-  using EntityMap = HashMap<Entity, Name, Entity>;
-  using EntityIterator = EntityMap::Iterator;
-
-  class Notifiee : public Qel::Notifiee<Dir> {
-   public:
-    // An entity was added under `name`, replaced, or removed.
-    virtual void onEntity(const Name& name) {
-      (void)name;
-      onEntity();
-    }
-    virtual void onEntity() {}
-  };
-
-  static Ptr DirIs(const Name& name);
-
-  // The member named `name`, or null.
-  Entity* entity(const Name& name) const noexcept { return entities_[name]; }
-  std::size_t entities() const noexcept { return entities_.size(); }
-  EntityIterator entityIter() const { return entities_.begin(); }
-
-  // Adds `entity` under its name, replacing a different member of that name.
-  // Throws RangeException for null, or for an entity already held by a
-  // collection (an entity has one parent).
-  void entityIs(const Qel::Ptr<Entity>& entity);
-  // Removes and returns the member named `name`; null when there is none.
-  Qel::Ptr<Entity> entityDel(const Name& name);
-  void entityDelAll();
-
-  NotifieeListBase& notifieeListRef() noexcept { return notifiees_; }
-  NotifieeListBase* notifieeList() const override;
-  const TypeNode* fwkType() const override;
-
- protected:
-  explicit Dir(Name name);
-  ~Dir() override;
-
- private:
-  void notify(const Name& name);
-  EntityMap entities_;
-  NotifieeListBase notifiees_;
-};
-
-QEL_EXPORT Dir::Ptr dirFactory(const Name& name);
 
 }  // namespace Qel
 

@@ -1,7 +1,7 @@
 // A program written as a user of the installed package would write it.
 #include <cstdio>
 
-#include "kronlog/LinkQueue.h"
+#include "qel/LinkQueue.h"
 #include "qel/Exception.h"
 #include "qel/Strep.h"
 

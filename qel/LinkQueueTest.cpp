@@ -1,6 +1,6 @@
 // The indexed link queue: placement and deletion by index, hints, index
 // wrap-around, iterators that survive changes, and member lifetimes.
-#include "kronlog/LinkQueue.h"
+#include "qel/LinkQueue.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "kronlog/LinkQueue.h"
+#include "qel/LinkQueue.h"
 
 #include "qel/Exception.h"
 

@@ -1,7 +1,7 @@
 // Test support: captures the records of the "Kronlog" trace facility, so
 // that tests can assert every field of every trace exactly.
-#ifndef KRONLOG_SUPPORT_TRACECAPTURE_H
-#define KRONLOG_SUPPORT_TRACECAPTURE_H
+#ifndef KRONLOG_TESTING_TRACECAPTURE_H
+#define KRONLOG_TESTING_TRACECAPTURE_H
 
 #include <cstdint>
 #include <ostream>
@@ -60,4 +60,4 @@ class CapturingSink : public Qel::TraceSink {
 
 }  // namespace KronlogTesting
 
-#endif  // KRONLOG_SUPPORT_TRACECAPTURE_H
+#endif  // KRONLOG_TESTING_TRACECAPTURE_H

@@ -8,19 +8,19 @@
 //
 // The queue holds its members through `head` and the members' `next` links;
 // `tail` is a plain pointer into that chain.
-#ifndef KRONLOG_LINKQUEUE_H
-#define KRONLOG_LINKQUEUE_H
+#ifndef QEL_LINKQUEUE_H
+#define QEL_LINKQUEUE_H
 
 #include <cstdint>
 #include <utility>
 
-#include "kronlog/Export.h"
+#include "qel/Export.h"
 #include "qel/Ptr.h"
 
 namespace Qel {
 
 // Raises RangeException "linkqueue index space full".
-[[noreturn]] KRONLOG_EXPORT void throwLinkQueueIndexSpaceFull();
+[[noreturn]] QEL_EXPORT void throwLinkQueueIndexSpaceFull();
 
 template <class Member, class Index, class Entry>
 class LinkQueue;
@@ -384,4 +384,4 @@ class LinkQueue {
 
 }  // namespace Qel
 
-#endif  // KRONLOG_LINKQUEUE_H
+#endif  // QEL_LINKQUEUE_H
