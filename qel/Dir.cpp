@@ -66,7 +66,7 @@ const TypeNode* Dir::fwkType() const {
 }
 
 void Dir::notify(const Name& name) {
-  notifiees_.visitAs<Notifiee>([&](Notifiee* n) { n->onEntity(name); });
+  notifiees_.visitAs<Notifiee>(this, [&](Notifiee* n) { n->onEntity(name); });
 }
 
 namespace {

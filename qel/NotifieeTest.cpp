@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -211,6 +212,47 @@ TEST_F(NotifieeTest, ExceptionPropagatesAndLeavesTheListUsable) {
   EXPECT_EQ(registered(), 2u);
 }
 
+// Who keeps whom alive: a notifiee holds its notifier; a delivery holds the
+// notifier it delivers for.
+class NotifieeOwnershipTest : public ::testing::Test {
+ protected:
+  std::uint64_t liveDirs() const { return Qel::liveObjects("Qel::Dir") - dirsBefore_; }
+  Log log_;
+  Listener first_{&log_, "a"};
+  Listener second_{&log_, "b"};
+
+ private:
+  std::uint64_t dirsBefore_ = Qel::liveObjects("Qel::Dir");
+};
+
+TEST_F(NotifieeOwnershipTest, NotifieeKeepsItsNotifierAliveUntilItLetsGo) {
+  first_.notifierIs(Qel::dirFactory("d"));  // the only reference
+  first_.notifier()->entityIs(Qel::dirFactory("x"));
+  EXPECT_EQ(log_, (Log{"a:x"}));
+  EXPECT_EQ(liveDirs(), 2u);
+  first_.notifierIs(nullptr);
+  EXPECT_EQ(liveDirs(), 0u);
+}
+
+TEST_F(NotifieeOwnershipTest, NotifierLosingItsLastReferenceMidDeliveryFinishesIt) {
+  Qel::Dir* dir = nullptr;
+  {
+    Qel::Dir::Ptr d = Qel::dirFactory("d");
+    first_.notifierIs(d);
+    second_.notifierIs(d);
+    dir = d.ptr();  // from here on only the notifiees hold it...
+  }
+  first_.action = [&](const Qel::Name&) {
+    first_.notifierIs(nullptr);
+    second_.notifierIs(nullptr);  // ...and both let go while it notifies
+  };
+  Qel::Dir::Ptr x = Qel::dirFactory("x");
+  dir->entityIs(x);
+  EXPECT_EQ(log_, (Log{"a:x"}));  // b left before its turn
+  EXPECT_EQ(liveDirs(), 1u);      // the directory went once the delivery ended
+  EXPECT_EQ(x->parent(), nullptr);
+}
+
 // The list on its own, with a notifier that is not an entity.
 class NotifieeListTest : public ::testing::Test {
  protected:
@@ -219,7 +261,7 @@ class NotifieeListTest : public ::testing::Test {
   };
   // Delivers one notification to every member.
   void deliver() {
-    list_.visitAs<Member>([](Member* m) { ++m->calls; });
+    list_.visitAs<Member>(nullptr, [](Member* m) { ++m->calls; });
   }
   Qel::NotifieeListBase list_;
 };

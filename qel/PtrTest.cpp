@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -31,6 +32,22 @@ class TrackedChild : public Tracked {
 };
 
 class Unrelated : public Qel::PtrInterface {};
+
+// Conversions follow the pointers': derived to base and adding const only.
+static_assert(std::is_convertible_v<Qel::Ptr<TrackedChild>, Qel::Ptr<Tracked>>);
+static_assert(std::is_convertible_v<Qel::Ptr<Tracked>, Qel::Ptr<const Tracked>>);
+static_assert(!std::is_convertible_v<Qel::Ptr<Tracked>, Qel::Ptr<TrackedChild>>);
+static_assert(!std::is_convertible_v<Qel::Ptr<Tracked>, Qel::Ptr<Unrelated>>);
+static_assert(!std::is_convertible_v<Qel::Ptr<const Tracked>, Qel::Ptr<Tracked>>);
+
+// Overloads on unrelated pointer types resolve by the argument's type.
+int overloadOf(const Qel::Ptr<Tracked>&) {
+  return 1;
+}
+int overloadOf(const Qel::Ptr<Unrelated>&) {
+  return 2;
+}
+static_assert(std::is_same_v<decltype(overloadOf(std::declval<Qel::Ptr<TrackedChild>>())), int>);
 
 // Recycles itself instead of being deleted when the last reference goes.
 class Recycled : public Qel::PtrInterface {
@@ -130,6 +147,12 @@ TEST_P(PtrTest, DerivedMovesAndAssignsToBase) {
   base = child;  // releases the first child
   EXPECT_EQ(destroyed(), 1);
   EXPECT_EQ(child->references(), 2u);
+}
+
+TEST_P(PtrTest, OverloadsOnUnrelatedPointerTypesPickTheMatchingOne) {
+  std::atomic<int> destroyed{0};
+  EXPECT_EQ(overloadOf(Qel::Ptr<TrackedChild>(new TrackedChild(&destroyed))), 1);
+  EXPECT_EQ(overloadOf(Qel::Ptr<Unrelated>(new Unrelated)), 2);
 }
 
 TEST_P(PtrTest, DynamicCastSharesTheObjectOrIsNullWithoutAReference) {

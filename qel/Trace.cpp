@@ -108,7 +108,13 @@ struct Tracing {
       std::fprintf(stderr, "QELTRACE: cannot parse \"%s\"; tracing stays off\n", env);
       fromEnvironment.clear();
     }
+    // A misspelt facility ("kronlog/0") would otherwise trace nothing
+    // without a word. Which facilities exist is known only once the code
+    // that traces has run, so the check waits for the end of the process.
+    if (!fromEnvironment.empty()) std::atexit([] { reportUnmatchedSettings(); });
   }
+
+  static void reportUnmatchedSettings();
 
   Facility& facility(const String& name) {
     for (Facility& f : facilities) {
@@ -131,7 +137,33 @@ Tracing& tracing() {
   return *t;
 }
 
+void Tracing::reportUnmatchedSettings() {
+  std::vector<String> unmatched = traceSettingsUnmatched();
+  if (unmatched.empty()) return;
+  std::string known;
+  for (const Facility& f : tracing().facilities) {
+    known += known.empty() ? "" : ", ";
+    known += f.name.stdString();
+  }
+  for (const String& name : unmatched) {
+    std::fprintf(stderr, "QELTRACE: no facility \"%s\" traced in this process (facilities: %s)\n",
+                 name.stdString().c_str(), known.empty() ? "none" : known.c_str());
+  }
+}
+
 }  // namespace
+
+std::vector<String> traceSettingsUnmatched() {
+  std::vector<String> unmatched;
+  const Tracing& t = tracing();
+  for (const auto& e : t.fromEnvironment) {
+    if (e.first == "*") continue;
+    bool found = false;
+    for (const Facility& f : t.facilities) found = found || f.name == e.first.c_str();
+    if (!found) unmatched.emplace_back(e.first);
+  }
+  return unmatched;
+}
 
 TraceSink::~TraceSink() = default;
 
@@ -184,8 +216,11 @@ bool traceConfigIs(const String& config) {
   return true;
 }
 
-void traceSinkIs(TraceSink* sink) {
-  tracing().sink = sink ? sink : &tracing().defaultSink;
+TraceSink* traceSinkIs(TraceSink* sink) {
+  Tracing& t = tracing();
+  TraceSink* previous = t.sink == &t.defaultSink ? nullptr : t.sink;
+  t.sink = sink ? sink : &t.defaultSink;
+  return previous;
 }
 
 String traceLine(const TraceRecord& record) {

@@ -14,27 +14,12 @@
 #include <string>
 #include <vector>
 
+#include "testing/TraceCapture.h"
+
 namespace {
 
-// A record as the sink saw it, with its C strings copied.
-struct Captured {
-  Qel::Seconds time;
-  std::string facility;
-  unsigned int level;
-  std::string file;
-  int line;
-  std::string function;
-  std::string text;
-};
-
-class CapturingSink : public Qel::TraceSink {
- public:
-  void onRecord(const Qel::TraceRecord& r) override {
-    records.push_back({r.time, r.facility.stdString(), r.level, r.file ? r.file : "(null)", r.line,
-                       r.function ? r.function : "(null)", r.text.stdString()});
-  }
-  std::vector<Captured> records;
-};
+using Captured = KronlogTesting::Seen;
+using KronlogTesting::CapturingSink;
 
 // Streams as "counted" and counts how often it was formatted.
 struct Counted {
@@ -59,10 +44,8 @@ class TraceTest : public ::testing::Test {
   TraceTest() : savedLevels_(Qel::traceLevels(kFacility)), savedOther_(Qel::traceLevels(kOther)) {
     Qel::traceLevelsIs(kFacility, 0);
     Qel::traceLevelsIs(kOther, 0);
-    Qel::traceSinkIs(&sink_);
   }
   ~TraceTest() override {
-    Qel::traceSinkIs(nullptr);
     Qel::utcNowFunctionIs(nullptr);
     Qel::traceLevelsIs(kFacility, savedLevels_);
     Qel::traceLevelsIs(kOther, savedOther_);
@@ -102,7 +85,7 @@ class TraceTest : public ::testing::Test {
   }
 
   Qel::TraceHandle handle_{kFacility, false};
-  CapturingSink sink_;
+  CapturingSink sink_{nullptr};  // every facility
 
  private:
   std::uint32_t savedLevels_;
@@ -177,6 +160,50 @@ TEST_F(TraceTest, DefaultSinkIsRestoredByNull) {
   std::string written = writtenToTraceFile([&] { site(0, 7); });
   EXPECT_TRUE(sink_.records.empty());
   EXPECT_EQ(written, "2023-11-14T22:13:20.250000Z QelTest.Trace/0 Widget.cpp:17 frob: value 7\n");
+}
+
+TEST_F(TraceTest, InstallingASinkReturnsTheOneItReplaces) {
+  Qel::traceLevelsIs(kFacility, 1u);
+  {
+    CapturingSink inner(nullptr);
+    site(0, "inner");
+    EXPECT_EQ(inner.records.size(), 1u);
+  }
+  site(0, "outer");  // the fixture's sink is back
+  ASSERT_EQ(sink_.records.size(), 1u);
+  EXPECT_EQ(sink_.records[0].text, "value outer");
+}
+
+TEST_F(TraceTest, InstallingOverTheDefaultSinkReturnsNull) {
+  Qel::TraceSink* fixtures = Qel::traceSinkIs(nullptr);
+  EXPECT_EQ(fixtures, &sink_);
+  EXPECT_EQ(Qel::traceSinkIs(fixtures), nullptr);
+}
+
+// QELTRACE is read once per process, so these run in a freshly started
+// child (the threadsafe style re-executes the test binary).
+TEST(TraceEnvironmentTest, MisspeltFacilityIsReportedOnceAtExit) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        setenv("QELTRACE", "kronlog/0,QelTest.Env/1", 1);
+        Qel::TraceHandle known("QelTest.Env", false);
+        std::exit(Qel::traceSettingsUnmatched().size() == 1 ? 0 : 3);
+      },
+      ::testing::ExitedWithCode(0),
+      "^QELTRACE: no facility \"kronlog\" traced in this process \\(facilities: "
+      "QelTest\\.Env\\)\n$");
+}
+
+TEST(TraceEnvironmentTest, SettingsThatAllMatchSayNothing) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        setenv("QELTRACE", "QelTest.Env/1,*/0", 1);
+        Qel::TraceHandle known("QelTest.Env", false);
+        std::exit(Qel::traceSettingsUnmatched().empty() ? 0 : 3);
+      },
+      ::testing::ExitedWithCode(0), "^$");
 }
 
 class TraceConfigTest : public TraceTest {};

@@ -13,43 +13,18 @@
 
 #include "qel/String.h"
 #include "qel/Trace.h"
+#include "testing/TraceCapture.h"
 
 KRONLOG_TRACE_HANDLE()
 
 namespace {
 
-constexpr Qel::Seconds kNow = 1763805600.125;
-
-struct Seen {
-  Qel::Seconds time;
-  std::string facility;
-  unsigned level;
-  std::string file;
-  int line;
-  std::string function;
-  std::string text;
-
-  auto fields() const { return std::tie(time, facility, level, file, line, function, text); }
-  bool operator==(const Seen& o) const { return fields() == o.fields(); }
-};
-
-std::ostream& operator<<(std::ostream& os, const Seen& s) {
-  return os << s.time << ' ' << s.facility << '/' << s.level << ' ' << s.file << ':' << s.line
-            << ' ' << s.function << ": \"" << s.text << '"';
-}
+using KronlogTesting::CapturingSink;
+using KronlogTesting::Seen;
 
 Seen seen(unsigned level, const char* file, int line, const char* function, const char* text) {
-  return {kNow, "Kronlog", level, file, line, function, text};
+  return {level, file, line, function, text};
 }
-
-class CapturingSink : public Qel::TraceSink {
- public:
-  void onRecord(const Qel::TraceRecord& r) override {
-    records.push_back(
-        {r.time, r.facility.stdString(), r.level, r.file, r.line, r.function, r.text.stdString()});
-  }
-  std::vector<Seen> records;
-};
 
 // Streams as "counted" and counts how often it was formatted.
 struct Counted {
@@ -67,22 +42,9 @@ std::ostream& operator<<(std::ostream&, const Throwing&) {
 
 class TraceSiteTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    savedLevels_ = Qel::traceLevels("Kronlog");
-    Qel::traceLevelsIs("Kronlog", 0);
-    Qel::traceSinkIs(&sink_);
-    Qel::utcNowFunctionIs([] { return kNow; });
-  }
-  void TearDown() override {
-    Qel::utcNowFunctionIs(nullptr);
-    Qel::traceSinkIs(nullptr);
-    Qel::traceLevelsIs("Kronlog", savedLevels_);
-  }
-
   void enable(std::uint32_t mask) { Qel::traceLevelsIs("Kronlog", mask); }
 
   CapturingSink sink_;
-  std::uint32_t savedLevels_ = 0;
 };
 
 TEST_F(TraceSiteTest, EachSiteStartsWithEmptyText) {

@@ -161,11 +161,11 @@ const Qel::TypeNode* Writer::fwkType() const {
 }
 
 void Writer::notifyLog(unsigned int index) {
-  notifiees_.visitAs<Notifiee>([index](Notifiee* n) { n->onLog(index); });
+  notifiees_.visitAs<Notifiee>(this, [index](Notifiee* n) { n->onLog(index); });
 }
 
 void Writer::notifyOverflowCount() {
-  notifiees_.visitAs<Notifiee>([](Notifiee* n) { n->onOverflowCount(); });
+  notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onOverflowCount(); });
 }
 
 void Writer::overflowCountIs(unsigned int value) {
@@ -184,7 +184,7 @@ void Writer::logMetadataIs(const LogMetadata& value) {
   log_.indicesIs(value.firstIndex(), value.nextIndex());
   // Unconditional on purpose: a copy receiving the index state must hear
   // about it even when it already matches.
-  notifiees_.visitAs<Notifiee>([](Notifiee* n) { n->onLogMetadata(); });
+  notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onLogMetadata(); });
 }
 
 LogEntry Writer::log(unsigned int index) const {
@@ -367,7 +367,7 @@ Writer::Ptr WriterDir::writerIs(const Qel::Name& name, const Config& config) {
   }
   Writer::Ptr w = newWriter(name, config);
   if (!w) Qel::throwRangeException("null ValidPtr");
-  notifiees_.visitAs<Notifiee>([&name](Notifiee* n) { n->onWriter(name); });
+  notifiees_.visitAs<Notifiee>(this, [&name](Notifiee* n) { n->onWriter(name); });
   return w;
 }
 
@@ -375,7 +375,7 @@ Writer::Ptr WriterDir::writerDel(const Qel::Name& name) {
   Writer::Ptr removed = writers_.memberDel(name);
   if (!removed) return nullptr;
   removed->parentIs(nullptr);
-  notifiees_.visitAs<Notifiee>([&name](Notifiee* n) { n->onWriter(name); });
+  notifiees_.visitAs<Notifiee>(this, [&name](Notifiee* n) { n->onWriter(name); });
   return removed;
 }
 

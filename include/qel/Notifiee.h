@@ -38,9 +38,18 @@ class QEL_EXPORT NotifieeListBase {
   // propagates and leaves the list consistent.
   void doVisit(void (*visit)(NotifieeBase*, void*), void* context);
 
+  // Delivers one notification of `owner`, the object this list belongs to,
+  // calling f(notifiee) as an N*. The owner is held for the whole visit: a
+  // notifiee may drop what was the last reference to it (unregistering
+  // itself, say), and the list it is walking must not die under it. The
+  // owner may then go once the visit returns, so a notifier delivers as the
+  // last thing it does with itself, or its caller holds a reference (every
+  // mutator's contract). A list that belongs to no counted object passes
+  // null.
   template <class N, class F>
-  void visitAs(F&& f) {
+  void visitAs(const PtrInterface* owner, F&& f) {
     if (size_ == 0) return;  // the common case costs one test
+    Ptr<const PtrInterface> keep(owner);
     doVisit([](NotifieeBase* n, void* ctx) { (*static_cast<F*>(ctx))(static_cast<N*>(n)); }, &f);
   }
 
@@ -55,8 +64,11 @@ class QEL_EXPORT NotifieeListBase {
 };
 
 // The notifiee side for a notifier type T, which must offer
-// `NotifieeListBase& notifieeListRef()`. Holds its notifier alive while
-// registered and unregisters itself when destroyed.
+// `NotifieeListBase& notifieeListRef()`. Ownership runs one way: a notifiee
+// holds its notifier alive while registered (so a notifier never dies
+// before the notifiees listening to it) and unregisters itself when
+// destroyed; the notifier holds no reference to its notifiees, which may
+// come and go at any time, during a delivery included.
 template <class T>
 class Notifiee : public NotifieeBase {
  public:

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 
 #include "qel/Export.h"
@@ -96,11 +97,14 @@ class Ptr {
     if (p_) p_->newRef();
   }
   Ptr(Ptr&& o) noexcept : p_(o.p_) { o.p_ = nullptr; }
-  template <class U>
+  // Converting constructors take part in overload resolution only for a real
+  // pointer conversion (derived to base, adding const), so that overloads on
+  // Ptr<A> and Ptr<B> of unrelated types stay unambiguous.
+  template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
   Ptr(const Ptr<U>& o) noexcept : p_(o.ptr()) {
     if (p_) p_->newRef();
   }
-  template <class U>
+  template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
   Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
   ~Ptr() {
     if (p_) p_->deleteRef();

@@ -19,6 +19,7 @@
 #include <atomic>
 #include <cstdint>
 #include <sstream>
+#include <vector>
 
 #include "qel/Export.h"
 #include "qel/String.h"
@@ -124,8 +125,12 @@ QEL_EXPORT std::uint32_t traceLevels(const String& facility);
 // Applies a QELTRACE-style text; returns false, changing nothing, when it
 // does not parse.
 QEL_EXPORT bool traceConfigIs(const String& config);
-// Installs a sink; null restores the default one.
-QEL_EXPORT void traceSinkIs(TraceSink* sink);
+// Installs a sink (null: the default one) and returns the sink it replaces
+// (null when that was the default), so that a caller can put it back.
+QEL_EXPORT TraceSink* traceSinkIs(TraceSink* sink);
+// Facility names given in QELTRACE that no trace handle of this process has
+// registered so far. At exit, the process reports those left on stderr.
+QEL_EXPORT std::vector<String> traceSettingsUnmatched();
 // The line the default sink writes for `record`, without its LF.
 QEL_EXPORT String traceLine(const TraceRecord& record);
 
