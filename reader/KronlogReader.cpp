@@ -124,7 +124,7 @@ const Qel::TypeNode* Config::fwkType() const {
 // ---- Status
 
 QEL_TRACKED_ALLOCATION_DEFINE(Status, "KronlogReader::Status")
-QEL_TRACKED_ALLOCATION_DEFINE(Status::QelLog, "KronlogReader::Status::QelLog")
+QEL_TRACKED_ALLOCATION_DEFINE(StatusLogMember, "KronlogReader::Status::QelLog")
 
 Status::~Status() = default;
 
@@ -134,33 +134,8 @@ Status::Ptr statusFactory() {
   return s;
 }
 
-LogEntry::Ptr Status::log(unsigned int index) const {
-  const QelLog* m = log_.find(index);
-  return m ? m->value() : nullptr;
-}
-
-void Status::logEnq(LogEntry::Ptr const& entry) {
-  const unsigned int index = log_.effectiveNextIndex();
-  Qel::Ptr<QelLog> m(new QelLog(index, entry));
-  log_.append(m.ptr());  // what newLog(index, entry) does at the next index
-  logNotify(index);
-}
-
-LogEntry::Ptr Status::logDeq() {
-  Qel::Ptr<QelLog> m = log_.deq();
-  if (!m) return nullptr;
-  logNotify(m->index());
-  return m->value();
-}
-
-Qel::Ptr<Status::QelLog> Status::newLog(unsigned int index, LogEntry::Ptr const& entry) {
-  Qel::Ptr<QelLog> m(new QelLog(index, entry));
-  log_.doMemberIs(index, m.ptr(), false);
-  return m;
-}
-
 void Status::logIs(unsigned int index, LogEntry::Ptr const& entry) {
-  QelLog* m = log_.find(index);
+  StatusLogMember* m = log_.find(index);
   if (!m) {
     if (!entry) return;
     newLog(index, entry);
@@ -172,22 +147,6 @@ void Status::logIs(unsigned int index, LogEntry::Ptr const& entry) {
     m->valueRef() = entry;  // in place: index, position and version stay
   }
   logNotify(index);
-}
-
-LogEntry::Ptr Status::logDel(unsigned int index) {
-  Qel::Ptr<QelLog> m = log_._memberDel(index);
-  if (!m) return nullptr;
-  logNotify(index);
-  return m->value();
-}
-
-LogEntry::Ptr Status::logDel(LogIterator& it) {
-  if (!it) return nullptr;
-  return logDel(it.index());
-}
-
-void Status::logDelAll() {
-  for (LogIterator it = log_.iterator(); it; ++it) logDel(it);
 }
 
 void Status::logNotify(unsigned int) {}
@@ -311,13 +270,13 @@ void Reader::doRead() {
   std::vector<Source> sources;
   std::vector<Selected> selected;
 
-  for (Config::DirIterator d = config.dirIter(); d; ++d) {
-    Qel::Dir* dir = d.value();
+  for (Config::DirIteratorConst d = config.dirIterConst(); d; ++d) {
+    const Qel::Dir* dir = d.value();
     if (!dir) continue;
-    for (Qel::Dir::EntityIterator e = dir->entityIter(); e; ++e) {
-      auto* agent = dynamic_cast<KronlogWriter::WriterDir*>(e.member());
+    for (Qel::Dir::EntityIteratorConst e = dir->entityIterConst(); e; ++e) {
+      auto* agent = dynamic_cast<const KronlogWriter::WriterDir*>(e.value());
       if (!agent || !agentPattern.matches(agent->name())) continue;
-      for (KronlogWriter::WriterDir::WriterIterator w = agent->writerIter(); w; ++w) {
+      for (KronlogWriter::WriterDir::WriterIteratorConst w = agent->writerIterConst(); w; ++w) {
         const KronlogWriter::Writer& writer = *w.value();
         if (!groupPattern.matches(writer.name())) continue;
         KRONLOG_TRACE(2, kFile, 85, "handleWriter", << "handleWriter"

@@ -74,12 +74,12 @@ void addEntry(const Qel::Dir::Ptr& dir, const std::string& agent, const std::str
 // directory, then entity, then writer, each in its map's own order.
 std::vector<std::pair<std::string, std::string>> visitOrder(const Config& config) {
   std::vector<std::pair<std::string, std::string>> order;
-  for (Config::DirIterator d = config.dirIter(); d; ++d) {
-    for (Qel::Dir::EntityIterator e = d.value()->entityIter(); e; ++e) {
-      auto* agent = dynamic_cast<WriterDir*>(e.member());
+  for (const Qel::Dir& d : config.dirMap()) {
+    for (const Qel::Entity& e : d.entityMap()) {
+      auto* agent = dynamic_cast<const WriterDir*>(&e);
       if (!agent) continue;
-      for (WriterDir::WriterIterator w = agent->writerIter(); w; ++w) {
-        order.emplace_back(agent->name().stdString(), w.value()->name().stdString());
+      for (const KronlogWriter::Writer& w : agent->writerMap()) {
+        order.emplace_back(agent->name().stdString(), w.name().stdString());
       }
     }
   }
@@ -547,22 +547,21 @@ TEST_F(ReadTraceTest, AllLevelsTraceInReadOrder) {
 std::optional<std::vector<Row>> plainRead(const Config& config, std::vector<Row> rows) {
   std::multimap<double, Row> merged;
   try {
-    for (Config::DirIterator d = config.dirIter(); d; ++d) {
-      for (Qel::Dir::EntityIterator e = d.value()->entityIter(); e; ++e) {
-        auto* agent = dynamic_cast<WriterDir*>(e.member());
+    for (const Qel::Dir& d : config.dirMap()) {
+      for (const Qel::Entity& e : d.entityMap()) {
+        auto* agent = dynamic_cast<const WriterDir*>(&e);
         if (!agent) continue;
         const std::regex agentRe(config.agentPattern().begin(), config.agentPattern().end());
         if (!std::regex_match(agent->name().begin(), agent->name().end(), agentRe)) continue;
-        for (WriterDir::WriterIterator w = agent->writerIter(); w; ++w) {
+        for (const KronlogWriter::Writer& writer : agent->writerMap()) {
           const std::regex groupRe(config.messageGroupPattern().begin(),
                                    config.messageGroupPattern().end());
-          const KronlogWriter::Writer& writer = *w.value();
           if (!std::regex_match(writer.name().begin(), writer.name().end(), groupRe)) continue;
-          for (auto it = writer.logIterConst(); it; ++it) {
-            const double t = it->entry().timestamp();
+          for (const KronlogWriter::Writer::QelLog& node : writer.logQueue()) {
+            const double t = node.entry().timestamp();
             if (!(config.minTimestamp() <= t && t <= config.maxTimestamp())) continue;
             merged.insert({t, Row{agent->name().stdString(), writer.name().stdString(), t,
-                                  it->entry().message().stdString()}});
+                                  node.entry().message().stdString()}});
           }
         }
       }

@@ -135,7 +135,7 @@ std::ostream& operator<<(std::ostream& os, const Writer::LogMetadata& value) {
 // ---- Writer
 
 QEL_TRACKED_ALLOCATION_DEFINE(Writer, "KronlogWriter::Writer")
-QEL_TRACKED_ALLOCATION_DEFINE(Writer::QelLog, "KronlogWriter::Writer::QelLog")
+QEL_TRACKED_ALLOCATION_DEFINE(WriterLogMember, "KronlogWriter::Writer::QelLog")
 
 Writer::Writer(const Qel::Name& name, const Config& config) : Entity(name), config_(config) {}
 
@@ -160,7 +160,7 @@ const Qel::TypeNode* Writer::fwkType() const {
   return type;
 }
 
-void Writer::notifyLog(unsigned int index) {
+void Writer::logNotify(unsigned int index) {
   notifiees_.visitAs<Notifiee>(this, [index](Notifiee* n) { n->onLog(index); });
 }
 
@@ -187,44 +187,8 @@ void Writer::logMetadataIs(const LogMetadata& value) {
   notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onLogMetadata(); });
 }
 
-LogEntry Writer::log(unsigned int index) const {
-  const QelLog* m = log_.find(index);
-  return m ? m->entry() : LogEntry();
-}
-
-void Writer::logEnq(const LogEntry& entry) {
-  logEnq(LogEntry(entry));
-}
-
-void Writer::logEnq(LogEntry&& entry) {
-  const unsigned int index = log_.effectiveNextIndex();
-  Qel::Ptr<QelLog> m(new QelLog(index, std::move(entry)));
-  log_.append(m.ptr());
-  notifyLog(index);
-}
-
-LogEntry Writer::logDeq() {
-  Qel::Ptr<QelLog> m = log_.deq();
-  if (!m) return LogEntry();
-  notifyLog(m->index());
-  return m->entry();
-}
-
-void Writer::logEvict() {
-  // logDeq without handing back a copy of the entry: recording evicts once
-  // per event on a full log, and the copy would be thrown away.
-  Qel::Ptr<QelLog> m = log_.deq();
-  if (m) notifyLog(m->index());
-}
-
-Qel::Ptr<Writer::QelLog> Writer::newLog(unsigned int index, const LogEntry& entry) {
-  Qel::Ptr<QelLog> m(new QelLog(index, entry));
-  log_.doMemberIs(index, m.ptr(), false);
-  return m;
-}
-
 void Writer::logIs(unsigned int index, const LogEntry& entry) {
-  if (QelLog* m = log_.find(index)) {
+  if (WriterLogMember* m = log_.find(index)) {
     // The equality shortcut applies only below the entry count; at or above
     // it the value is written and notified even when equal.
     if (index < log_.members() && m->entry() == entry) return;
@@ -232,23 +196,7 @@ void Writer::logIs(unsigned int index, const LogEntry& entry) {
   } else {
     newLog(index, entry);
   }
-  notifyLog(index);
-}
-
-LogEntry Writer::logDel(unsigned int index) {
-  Qel::Ptr<QelLog> m = log_._memberDel(index);
-  if (!m) return LogEntry();
-  notifyLog(index);
-  return m->entry();
-}
-
-LogEntry Writer::logDel(LogIterator& it) {
-  if (!it) return LogEntry();
-  return logDel(it.index());
-}
-
-void Writer::logDelAll() {
-  for (LogIterator it = log_.iterator(); it; ++it) logDel(it);
+  logNotify(index);
 }
 
 // ---- eventIs and its two steps
@@ -300,17 +248,29 @@ bool isLogEntryAllowed(Writer& writer) {
 
 }  // namespace
 
-void Writer::eventIs(Qel::String message) {
+bool Writer::eventAdmitted() {
   KRONLOG_TRACE(0, kFile, 14, "eventIs", << "void KronlogWriter::Writer::eventIs(Qel::String)");
   KRONLOG_TRACE(1, kFile, 17, "eventIs",
                 << "eventIs size: " << config_.size() << " len: " << log_.members());
   handleExcessiveLogEntries(*this);
-  if (!isLogEntryAllowed(*this)) return;
+  if (!isLogEntryAllowed(*this)) return false;
   KRONLOG_ASSERT(log_.members() < config_.size(), "len < size()");
+  return true;
+}
+
+void Writer::eventAppend(Qel::String message) {
   LogEntry entry(Qel::utcNow(), std::move(message));
   KRONLOG_TRACE(0, kFile, 27, "eventIs",
                 << "eventIs timestamp: " << entry.timestamp() << " message: " << entry.message());
   logEnq(std::move(entry));
+}
+
+void Writer::eventIs(Qel::String message) {
+  if (eventAdmitted()) eventAppend(std::move(message));
+}
+
+void Writer::eventIs(std::string_view message) {
+  if (eventAdmitted()) eventAppend(Qel::String(message));
 }
 
 // ---- WriterDir

@@ -16,10 +16,11 @@
 #include <limits>
 
 #include "kronlog/Export.h"
-#include "qel/LinkQueue.h"
 #include "qel/Allocator.h"
 #include "qel/Dir.h"
 #include "qel/HashMap.h"
+#include "qel/LinkQueue.h"
+#include "qel/LogAttribute.h"
 #include "qel/String.h"
 
 namespace KronlogReader {
@@ -86,6 +87,7 @@ class KRONLOG_EXPORT Config : public Qel::PtrInterface {
   };
   using DirMap = Qel::HashMap<QelDir, Qel::Name, Qel::Dir>;
   using DirIterator = DirMap::Iterator;
+  using DirIteratorConst = DirMap::IteratorConst;
 
   // Defaults: no directories, both patterns ".*", window [0, +infinity].
   Config();
@@ -93,7 +95,10 @@ class KRONLOG_EXPORT Config : public Qel::PtrInterface {
   // The directory held under `name`, or null.
   Qel::Ptr<Qel::Dir> dir(const Qel::Name& name) const { return dirs_[name]; }
   unsigned int dirs() const noexcept { return static_cast<unsigned int>(dirs_.size()); }
-  DirIterator dirIter() const { return dirs_.begin(); }
+  DirIterator dirIter() { return dirs_.begin(); }
+  DirIteratorConst dirIterConst() const { return dirs_.begin(); }
+  // Range-for over the directories: `for (const Qel::Dir& d : config->dirMap())`.
+  const DirMap& dirMap() const noexcept { return dirs_; }
   // Adds `dir` under its name, or replaces the directory held under that
   // name. Null throws Qel::RangeException.
   void dirIs(Qel::Ptr<Qel::Dir> const& dir);
@@ -132,24 +137,29 @@ class KRONLOG_EXPORT Config : public Qel::PtrInterface {
 
 KRONLOG_EXPORT Config::Ptr configFactory();
 
-// The result of reads: a log of entries in merged order.
-class KRONLOG_EXPORT Status : public Qel::PtrInterface {
+class Status;
+
+// One member of a status's log (Status::QelLog): its index, the entry, the
+// link to the next member.
+class KRONLOG_EXPORT StatusLogMember : public Qel::LinkQueueMember<StatusLogMember, LogEntry::Ptr> {
+  QEL_TRACKED_ALLOCATION()
+
+ public:
+  StatusLogMember(unsigned int index, LogEntry::Ptr entry) noexcept
+      : LinkQueueMember(index, std::move(entry)) {}
+};
+
+// The result of reads: a log of entries in merged order. The log's
+// accessors (logEnq, logDeq, newLog, logDel, logDelAll, log(index) and
+// operator[], iteration) are those every log attribute has; an absent entry
+// reads as null.
+class KRONLOG_EXPORT Status : public Qel::PtrInterface,
+                              public Qel::LogAttribute<Status, StatusLogMember, LogEntry::Ptr> {
   QEL_TRACKED_ALLOCATION()
 
  public:
   using Ptr = Qel::Ptr<Status>;
   using PtrConst = Qel::Ptr<const Status>;
-
-  class KRONLOG_EXPORT QelLog : public Qel::LinkQueueMember<QelLog, LogEntry::Ptr> {
-    QEL_TRACKED_ALLOCATION()
-
-   public:
-    QelLog(unsigned int index, LogEntry::Ptr entry) noexcept
-        : LinkQueueMember(index, std::move(entry)) {}
-  };
-  using LogQueue = Qel::LinkQueue<QelLog, unsigned int, LogEntry::Ptr>;
-  using LogIterator = LogQueue::Iterator;
-  using LogIteratorConst = LogQueue::IteratorConst;
 
   // The queue's head index and next index.
   class KRONLOG_EXPORT LogMetadata {
@@ -171,27 +181,9 @@ class KRONLOG_EXPORT Status : public Qel::PtrInterface {
 
   Status() = default;
 
-  unsigned int logs() const noexcept { return log_.members(); }
-  // The entry with that index, or null.
-  LogEntry::Ptr log(unsigned int index) const;
-  LogEntry::Ptr operator[](unsigned int const& index) const { return log(index); }
-  LogIteratorConst logIterConst() const { return log_.iteratorConst(); }
-  LogIterator logIter() { return log_.iterator(); }
-  const LogQueue& logQueue() const noexcept { return log_; }
-
-  // Appends at the next index.
-  void logEnq(LogEntry::Ptr const& entry);
-  // Removes the oldest entry and returns it; null when empty.
-  LogEntry::Ptr logDeq();
-  // Inserts (or replaces) the member at `index`; Qel::RangeException
-  // "linkqueue index space full" when no index is left.
-  Qel::Ptr<QelLog> newLog(unsigned int index, LogEntry::Ptr const& entry);
   // Absent index: inserts a non-null entry. Present: null removes it, the
   // same entry changes nothing, another replaces it in place.
   void logIs(unsigned int index, LogEntry::Ptr const& entry);
-  LogEntry::Ptr logDel(unsigned int index);
-  LogEntry::Ptr logDel(LogIterator& it);
-  void logDelAll();
   // Called after every change of the entry at `index`; does nothing here.
   virtual void logNotify(unsigned int index);
 
@@ -206,9 +198,6 @@ class KRONLOG_EXPORT Status : public Qel::PtrInterface {
 
  protected:
   ~Status() override;
-
- private:
-  LogQueue log_;
 };
 
 KRONLOG_EXPORT Status::Ptr statusFactory();

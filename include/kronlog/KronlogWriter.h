@@ -11,12 +11,15 @@
 #define KRONLOG_KRONLOGWRITER_H
 
 #include <iosfwd>
+#include <string>
+#include <string_view>
 
 #include "kronlog/Export.h"
-#include "qel/LinkQueue.h"
 #include "qel/Allocator.h"
 #include "qel/Entity.h"
 #include "qel/HashMap.h"
+#include "qel/LinkQueue.h"
+#include "qel/LogAttribute.h"
 #include "qel/Notifiee.h"
 #include "qel/String.h"
 
@@ -101,10 +104,25 @@ KRONLOG_EXPORT Qel::String valueToStrep(const Config& value);
 KRONLOG_EXPORT std::ostream& operator<<(std::ostream& os, const Config& value);
 
 class WriterDir;
+class Writer;
+
+// One node of a writer's log (Writer::QelLog): its index, the entry
+// (timestamp and message) held inline, the link to the next node.
+class KRONLOG_EXPORT WriterLogMember : public Qel::LinkQueueMember<WriterLogMember, LogEntry> {
+  QEL_TRACKED_ALLOCATION()
+
+ public:
+  WriterLogMember(unsigned int index, LogEntry entry) noexcept
+      : LinkQueueMember(index, std::move(entry)) {}
+  const LogEntry& entry() const noexcept { return value(); }
+};
 
 // A named, bounded log of events. Created through a WriterDir (writerIs) or
-// writerFactory; shared through Writer::Ptr.
-class KRONLOG_EXPORT Writer : public Qel::Entity {
+// writerFactory; shared through Writer::Ptr. The log's accessors (logEnq,
+// logDeq, newLog, logDel, logDelAll, log(index), iteration) are those every
+// log attribute has; each change of an entry notifies onLog(index).
+class KRONLOG_EXPORT Writer : public Qel::Entity,
+                              public Qel::LogAttribute<Writer, WriterLogMember, LogEntry> {
   QEL_TRACKED_ALLOCATION()
 
  public:
@@ -130,21 +148,9 @@ class KRONLOG_EXPORT Writer : public Qel::Entity {
     unsigned int nextIndex_;
   };
 
-  // One log node: its index, the entry (timestamp and message), the link.
-  class KRONLOG_EXPORT QelLog : public Qel::LinkQueueMember<QelLog, LogEntry> {
-    QEL_TRACKED_ALLOCATION()
-
-   public:
-    QelLog(unsigned int index, LogEntry entry) noexcept
-        : LinkQueueMember(index, std::move(entry)) {}
-    const LogEntry& entry() const noexcept { return value(); }
-  };
-
-  using LogQueue = Qel::LinkQueue<QelLog, unsigned int, LogEntry>;
-  using LogIterator = LogQueue::Iterator;
-  using LogIteratorConst = LogQueue::IteratorConst;
-
-  // Hears a writer's changes; register with notifierIs(writer).
+  // Hears a writer's changes; register with notifierIs(writer). A notifiee
+  // that overrides one onLog overload brings the other into scope
+  // (`using Writer::Notifiee::onLog;`), so that neither hides the other.
   class Notifiee : public Qel::Notifiee<Writer> {
    public:
     // The entry at `index` was added, replaced or removed. By default
@@ -177,36 +183,19 @@ class KRONLOG_EXPORT Writer : public Qel::Entity {
   void logMetadataIs(const LogMetadata& value);
 
   // Records one event stamped with Qel::utcNow(), after applying the
-  // overflow policy (which may drop it or evict the oldest entry).
+  // overflow policy (which may drop it or evict the oldest entry). A
+  // Qel::String is stored as it is (moved in, or shared with the caller);
+  // other text is copied once, into the stored string, and only when the
+  // policy admits the event.
   void eventIs(Qel::String message);
+  void eventIs(std::string_view message);
+  void eventIs(const char* message) { eventIs(std::string_view(message)); }
+  void eventIs(const std::string& message) { eventIs(std::string_view(message)); }
 
-  // The log. Entries are ordered by index, oldest first.
-  unsigned int logs() const noexcept { return log_.members(); }
-  // The entry at `index`, or a default LogEntry (0.0, "") when there is none.
-  // The oldest and newest entries are found in constant time.
-  LogEntry log(unsigned int index) const;
-  LogIteratorConst logIterConst() const { return log_.iteratorConst(); }
-  LogIterator logIter() { return log_.iterator(); }
-  const LogQueue& logQueue() const noexcept { return log_; }
-
-  // Appends at the next index, ignoring size and policy; notifies onLog.
-  void logEnq(const LogEntry& entry);
-  void logEnq(LogEntry&& entry);
-  // Removes the oldest entry and returns it; default entry when empty.
-  LogEntry logDeq();
-  // The same, without returning the entry.
-  void logEvict();
-  // Inserts (or replaces) the node at `index` without notifying; throws
-  // Qel::RangeException "linkqueue index space full" when no index is left.
-  Qel::Ptr<QelLog> newLog(unsigned int index, const LogEntry& entry);
-  // Writes the entry at `index`, inserting it if absent. Skips an equal
-  // value only for an index below the entry count.
+  // Writes the entry at `index`, inserting it if absent, and notifies.
+  // An equal value is skipped, unnotified, only for an index below the
+  // entry count. Throws like logEnq when an insertion finds no index left.
   void logIs(unsigned int index, const LogEntry& entry);
-  // Removes the entry with exactly that index (or under the iterator) and
-  // returns it; default entry, and no notification, when there is none.
-  LogEntry logDel(unsigned int index);
-  LogEntry logDel(LogIterator& it);
-  void logDelAll();
 
   Qel::NotifieeListBase& notifieeListRef() noexcept { return notifiees_; }
   Qel::NotifieeListBase* notifieeList() const override;
@@ -220,12 +209,16 @@ class KRONLOG_EXPORT Writer : public Qel::Entity {
   ~Writer() override;
 
  private:
-  void notifyLog(unsigned int index);
+  friend class Qel::LogAttribute<Writer, WriterLogMember, LogEntry>;
+  // The policy half of eventIs: false when the event is dropped.
+  bool eventAdmitted();
+  // The recording half: stamps and appends an admitted event.
+  void eventAppend(Qel::String message);
+  void logNotify(unsigned int index);
   void notifyOverflowCount();
 
   Config config_;
   unsigned int overflowCount_ = 0;
-  LogQueue log_;
   Qel::NotifieeListBase notifiees_;
 };
 
@@ -245,6 +238,7 @@ class KRONLOG_EXPORT WriterDir : public Qel::Entity {
   using PtrConst = Qel::Ptr<const WriterDir>;
   using WriterMap = Qel::HashMap<Writer, Qel::Name, Writer>;
   using WriterIterator = WriterMap::Iterator;
+  using WriterIteratorConst = WriterMap::IteratorConst;
 
   class Notifiee : public Qel::Notifiee<WriterDir> {
    public:
@@ -262,8 +256,11 @@ class KRONLOG_EXPORT WriterDir : public Qel::Entity {
   Writer::Ptr writer(const Qel::Name& name) const { return writers_[name]; }
   unsigned int writers() const noexcept { return static_cast<unsigned int>(writers_.size()); }
   // Iteration follows the map's bucket order, not insertion order, and
-  // survives the removal of the writer it stands on.
-  WriterIterator writerIter() const { return writers_.begin(); }
+  // survives the removal of the writer it stands on. Range-for over the
+  // map visits const writers: `for (const Writer& w : dir->writerMap())`.
+  WriterIterator writerIter() { return writers_.begin(); }
+  WriterIteratorConst writerIterConst() const { return writers_.begin(); }
+  const WriterMap& writerMap() const noexcept { return writers_; }
 
   // Get-or-create. An existing writer with an equal configuration is
   // returned unchanged; one with a different configuration raises

@@ -25,6 +25,7 @@ class QEL_EXPORT Dir : public Entity {
   using Ptr = Qel::Ptr<Dir>;
   using EntityMap = HashMap<Entity, Name, Entity>;
   using EntityIterator = EntityMap::Iterator;
+  using EntityIteratorConst = EntityMap::IteratorConst;
 
   class Notifiee : public Qel::Notifiee<Dir> {
    public:
@@ -41,7 +42,11 @@ class QEL_EXPORT Dir : public Entity {
   // The member named `name`, or null.
   Entity* entity(const Name& name) const noexcept { return entities_[name]; }
   std::size_t entities() const noexcept { return entities_.size(); }
-  EntityIterator entityIter() const { return entities_.begin(); }
+  // Iteration follows the map's order and survives removals; range-for over
+  // the map visits const members: `for (const Entity& e : dir->entityMap())`.
+  EntityIterator entityIter() { return entities_.begin(); }
+  EntityIteratorConst entityIterConst() const { return entities_.begin(); }
+  const EntityMap& entityMap() const noexcept { return entities_; }
 
   // Adds `entity` under its name, replacing a different member of that name.
   // Throws RangeException for null, or for an entity already held by a

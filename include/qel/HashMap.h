@@ -100,17 +100,29 @@ class HashMap {
     return result;
   }
 
-  class Iterator {
+  // Iterators hold the member they stand on, so a member deleted meanwhile
+  // stays valid until they step on. IteratorConst hands out const values;
+  // an Iterator converts to one. Range-for over a const map visits const
+  // values: `for (const Writer& w : map)`.
+  template <bool kConst>
+  class BasicIterator {
    public:
-    Iterator() = default;
-    Member* member() const noexcept { return current_.ptr(); }
-    Value* value() const noexcept { return current_ ? current_->qelHashValue() : nullptr; }
-    Value* operator->() const noexcept { return value(); }
-    explicit operator bool() const noexcept { return static_cast<bool>(current_); }
-    bool operator==(const Iterator& o) const noexcept { return current_ == o.current_; }
-    bool operator!=(const Iterator& o) const noexcept { return current_ != o.current_; }
+    using ValueType = std::conditional_t<kConst, const Value, Value>;
 
-    Iterator& operator++() {
+    BasicIterator() = default;
+    template <bool kOther, class = std::enable_if_t<kConst && !kOther>>
+    BasicIterator(const BasicIterator<kOther>& o)  // NOLINT: Iterator to IteratorConst
+        : map_(o.map_), current_(o.current_), bucket_(o.bucket_), version_(o.version_) {}
+
+    Member* member() const noexcept { return current_.ptr(); }
+    ValueType* value() const noexcept { return current_ ? current_->qelHashValue() : nullptr; }
+    ValueType* operator->() const noexcept { return value(); }
+    ValueType& operator*() const noexcept { return *value(); }
+    explicit operator bool() const noexcept { return static_cast<bool>(current_); }
+    bool operator==(const BasicIterator& o) const noexcept { return current_ == o.current_; }
+    bool operator!=(const BasicIterator& o) const noexcept { return current_ != o.current_; }
+
+    BasicIterator& operator++() {
       if (!current_) return *this;
       if (version_ == map_->version_ && current_->qelInCollection_) {
         Member* n = next(current_.ptr());
@@ -124,22 +136,32 @@ class HashMap {
 
    private:
     friend class HashMap;
-    Iterator(const HashMap* map, Member* m, std::size_t bucket)
+    template <bool>
+    friend class BasicIterator;
+    BasicIterator(const HashMap* map, Member* m, std::size_t bucket)
         : map_(map), current_(m), bucket_(bucket), version_(map->version_) {}
     const HashMap* map_ = nullptr;
     Ptr<Member> current_;  // keeps a member that is deleted meanwhile alive
     std::size_t bucket_ = 0;
     std::uint32_t version_ = 0;
   };
+  using Iterator = BasicIterator<false>;
+  using IteratorConst = BasicIterator<true>;
 
-  Iterator begin() const {
-    std::size_t b = 0;
-    Member* m = firstFrom(0, &b);
-    return Iterator(this, m, b);
-  }
-  Iterator end() const { return Iterator(); }
+  Iterator begin() { return first<false>(); }
+  Iterator end() { return Iterator(); }
+  IteratorConst begin() const { return first<true>(); }
+  IteratorConst end() const { return IteratorConst(); }
+  IteratorConst iteratorConst() const { return first<true>(); }
 
  private:
+  template <bool kConst>
+  BasicIterator<kConst> first() const {
+    std::size_t b = 0;
+    Member* m = firstFrom(0, &b);
+    return BasicIterator<kConst>(this, m, b);
+  }
+
   static Member* next(Member* m) noexcept { return static_cast<Member*>(m->qelHashNext_); }
   static void unlinked(Member* m) noexcept {
     m->qelHashNext_ = nullptr;

@@ -244,6 +244,8 @@ class LinkQueue {
     IteratorConstBase(const LinkQueue& q, Member* m) : q_(&q), current_(m), version_(q.version_) {}
 
     explicit operator bool() const noexcept { return static_cast<bool>(current_); }
+    bool operator==(const IteratorConstBase& o) const noexcept { return current_ == o.current_; }
+    bool operator!=(const IteratorConstBase& o) const noexcept { return current_ != o.current_; }
     Index index() const noexcept { return current_->index_; }
     bool hasBookmark() const noexcept { return current_ && current_->index_ != 0; }
 
@@ -277,6 +279,7 @@ class LinkQueue {
     using IteratorConstBase::IteratorConstBase;
     const Member* member() const noexcept { return this->current_.ptr(); }
     const Member* operator->() const noexcept { return this->current_.ptr(); }
+    const Member& operator*() const noexcept { return *this->current_; }
     IteratorConst& operator++() {
       this->advance();
       return *this;
@@ -288,6 +291,7 @@ class LinkQueue {
     using IteratorConstBase::IteratorConstBase;
     Member* member() const noexcept { return this->current_.ptr(); }
     Member* operator->() const noexcept { return this->current_.ptr(); }
+    Member& operator*() const noexcept { return *this->current_; }
     Iterator& operator++() {
       this->advance();
       return *this;
@@ -296,6 +300,10 @@ class LinkQueue {
 
   IteratorConst iteratorConst() const { return IteratorConst(*this); }
   Iterator iterator() { return Iterator(*this); }
+  // Range-for, oldest member first: `for (const Member& m : queue)`. The
+  // iteration survives changes to the queue as the iterators do.
+  IteratorConst begin() const { return IteratorConst(*this); }
+  IteratorConst end() const { return IteratorConst(); }
 
  private:
   // Invariant on entry: `next` is the effective next index and `m` is not

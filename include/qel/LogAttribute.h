@@ -1,0 +1,104 @@
+// The accessors of a log attribute, shared by every entity that has one.
+//
+// An owner derives from LogAttribute<Owner, Member, Value> and so gets the
+// generated accessor set over its indexed link queue: logEnq, logDeq,
+// newLog, logDel (by index and by iterator), logDelAll, lookup by index,
+// iteration. The owner supplies the change hook `logNotify(index)`, called
+// after every change of the entry at `index` (a writer tells its notifiees;
+// a status does nothing), and its own logIs, whose rules differ by owner.
+//
+// An absent entry reads as Value(): a default entry for a log that holds
+// values, a null pointer for one that holds pointers.
+#ifndef QEL_LOGATTRIBUTE_H
+#define QEL_LOGATTRIBUTE_H
+
+#include <utility>
+
+#include "qel/LinkQueue.h"
+#include "qel/Ptr.h"
+
+namespace Qel {
+
+template <class Owner, class Member, class Value>
+class LogAttribute {
+ public:
+  using QelLog = Member;
+  using LogQueue = LinkQueue<Member, unsigned int, Value>;
+  using LogIterator = typename LogQueue::Iterator;
+  using LogIteratorConst = typename LogQueue::IteratorConst;
+
+  // Number of entries.
+  unsigned int logs() const noexcept { return log_.members(); }
+  // The entry with exactly that index, or Value() when there is none. The
+  // oldest and newest entries are found in constant time.
+  Value log(unsigned int index) const {
+    const Member* m = log_.find(index);
+    return m ? m->value() : Value();
+  }
+  Value operator[](unsigned int const& index) const { return log(index); }
+
+  // Iteration runs from the oldest entry to the newest and survives changes
+  // to the log (an iterator re-finds its place by index).
+  LogIteratorConst logIterConst() const { return log_.iteratorConst(); }
+  LogIterator logIter() { return log_.iterator(); }
+  // The queue itself, for range-for over the members: `for (auto& m : o.logQueue())`.
+  const LogQueue& logQueue() const noexcept { return log_; }
+
+  // Appends at the next index (never reusing one that dequeuing freed).
+  // Throws RangeException "linkqueue index space full" when no index is left.
+  void logEnq(Value entry) {
+    const unsigned int index = log_.effectiveNextIndex();
+    Ptr<Member> m(new Member(index, std::move(entry)));
+    log_.append(m.ptr());  // what newLog does at the next index, without the search
+    notify(index);
+  }
+  // Removes the oldest entry and returns it; Value(), and no notification,
+  // when the log is empty.
+  Value logDeq() {
+    Ptr<Member> m = log_.deq();
+    if (!m) return Value();
+    notify(m->index());
+    return m->value();
+  }
+  // logDeq without handing the entry back, for callers that would discard
+  // it (a full log evicting its oldest entry).
+  void logEvict() {
+    Ptr<Member> m = log_.deq();
+    if (m) notify(m->index());
+  }
+  // Inserts a member at `index`, or replaces the one there, without
+  // notifying; returns it. Throws like logEnq when no index is left.
+  Ptr<Member> newLog(unsigned int index, const Value& entry) {
+    Ptr<Member> m(new Member(index, entry));
+    log_.doMemberIs(index, m.ptr(), false);
+    return m;
+  }
+  // Removes the entry with exactly that index and returns it; Value(), and
+  // no notification, when there is none.
+  Value logDel(unsigned int index) {
+    Ptr<Member> m = log_._memberDel(index);
+    if (!m) return Value();
+    notify(index);
+    return m->value();
+  }
+  // The same for the entry under `it`; Value() when it stands on nothing.
+  Value logDel(LogIterator& it) { return it ? logDel(it.index()) : Value(); }
+  // Removes every entry, oldest first, notifying each index.
+  void logDelAll() {
+    for (LogIterator it = log_.iterator(); it; ++it) logDel(it);
+  }
+
+ protected:
+  LogAttribute() = default;
+  ~LogAttribute() = default;
+  LogAttribute(const LogAttribute&) = delete;
+  LogAttribute& operator=(const LogAttribute&) = delete;
+
+  void notify(unsigned int index) { static_cast<Owner*>(this)->logNotify(index); }
+
+  LogQueue log_;
+};
+
+}  // namespace Qel
+
+#endif  // QEL_LOGATTRIBUTE_H
