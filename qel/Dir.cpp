@@ -16,9 +16,7 @@ Dir::~Dir() {
 }
 
 Dir::Ptr Dir::DirIs(const Name& name) {
-  Ptr d(new Dir(name));
-  if (!d) throwRangeException("null ValidPtr");
-  return d;
+  return Ptr(new Dir(name));
 }
 
 Dir::Ptr dirFactory(const Name& name) {
@@ -60,10 +58,7 @@ NotifieeListBase* Dir::notifieeList() const {
   return const_cast<NotifieeListBase*>(&notifiees_);
 }
 
-const TypeNode* Dir::fwkType() const {
-  static const TypeNode* type = typeNode("Qel::Dir");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(Dir, "Qel::Dir")
 
 void Dir::notify(const Name& name) {
   notifiees_.visitAs<Notifiee>(this, [&](Notifiee* n) { n->onEntity(name); });

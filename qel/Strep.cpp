@@ -118,6 +118,24 @@ String valueToStrep(const char* value) {
   return valueToStrep(String(value));
 }
 
+String valueTypeStrep(const char* typeName,
+                      std::initializer_list<std::pair<const char*, String>> fields) {
+  std::string s = "Value('";
+  s += typeName;
+  s += "', ** {";
+  const char* separator = "";
+  for (const auto& field : fields) {
+    s += separator;
+    s += '\'';
+    s += field.first;
+    s += "': ";
+    s += field.second.view();
+    separator = ", ";
+  }
+  s += "})";
+  return String(s);
+}
+
 String valueToStrepOfRawPtr(const PtrInterface* value) {
   if (!value) return "None";
   const TypeNode* type = value->fwkType();

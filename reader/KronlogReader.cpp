@@ -32,9 +32,8 @@ LogEntry::LogEntry(Qel::String8 agentName, Qel::String8 messageGroup, double con
 
 LogEntry::Ptr LogEntry::LogEntryIs(Qel::String8 agentName, Qel::String8 messageGroup,
                                    double const& timestamp, Qel::String8 message) {
-  Ptr e(new LogEntry(std::move(agentName), std::move(messageGroup), timestamp, std::move(message)));
-  if (!e) Qel::throwRangeException("null ValidPtr");
-  return e;
+  return Ptr(
+      new LogEntry(std::move(agentName), std::move(messageGroup), timestamp, std::move(message)));
 }
 
 LogEntry::Ptr logEntryFactory(Qel::String8 agentName, Qel::String8 messageGroup,
@@ -43,10 +42,7 @@ LogEntry::Ptr logEntryFactory(Qel::String8 agentName, Qel::String8 messageGroup,
                               std::move(message));
 }
 
-const Qel::TypeNode* LogEntry::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogReader::LogEntry");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(LogEntry, "KronlogReader::LogEntry")
 
 // ---- Config
 
@@ -62,9 +58,7 @@ Config::Config()
 Config::~Config() = default;
 
 Config::Ptr configFactory() {
-  Config::Ptr c(new Config());
-  if (!c) Qel::throwRangeException("null ValidPtr");
-  return c;
+  return Config::Ptr(new Config());
 }
 
 namespace {
@@ -116,10 +110,7 @@ void Config::dirDelAll() {
 
 void Config::dirNotify(Qel::Name) {}
 
-const Qel::TypeNode* Config::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogReader::Config");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(Config, "KronlogReader::Config")
 
 // ---- Status
 
@@ -129,9 +120,7 @@ QEL_TRACKED_ALLOCATION_DEFINE(StatusLogMember, "KronlogReader::Status::QelLog")
 Status::~Status() = default;
 
 Status::Ptr statusFactory() {
-  Status::Ptr s(new Status());
-  if (!s) Qel::throwRangeException("null ValidPtr");
-  return s;
+  return Status::Ptr(new Status());
 }
 
 void Status::logIs(unsigned int index, LogEntry::Ptr const& entry) {
@@ -151,10 +140,7 @@ void Status::logIs(unsigned int index, LogEntry::Ptr const& entry) {
 
 void Status::logNotify(unsigned int) {}
 
-const Qel::TypeNode* Status::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogReader::Status");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(Status, "KronlogReader::Status")
 
 // ---- Reader
 
@@ -168,9 +154,7 @@ Reader::Reader(Qel::Ptr<Config const> const& config, Qel::Ptr<Status> const& sta
 Reader::~Reader() = default;
 
 Reader::Ptr readerFactory(Qel::Ptr<Config const> const& config, Qel::Ptr<Status> const& status) {
-  Reader::Ptr r(new Reader(config, status));
-  if (!r) Qel::throwRangeException("null ValidPtr");
-  return r;
+  return Reader::Ptr(new Reader(config, status));
 }
 
 void Reader::handleInitialized() {
@@ -178,10 +162,7 @@ void Reader::handleInitialized() {
   initializedIs(true);
 }
 
-const Qel::TypeNode* Reader::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogReader::Reader");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(Reader, "KronlogReader::Reader")
 
 namespace {
 

@@ -77,12 +77,9 @@ LogEntry::LogEntry(Qel::String8::IteratorConst& it, const Qel::String8::Iterator
 }
 
 Qel::String valueToStrep(const LogEntry& value) {
-  std::string s = "Value('KronlogWriter::LogEntry', ** {'timestamp': ";
-  s += Qel::valueToStrep(value.timestamp()).view();
-  s += ", 'message': ";
-  s += Qel::valueToStrep(value.message()).view();
-  s += "})";
-  return Qel::String(s);
+  return Qel::valueTypeStrep("KronlogWriter::LogEntry",
+                             {{"timestamp", Qel::valueToStrep(value.timestamp())},
+                              {"message", Qel::valueToStrep(value.message())}});
 }
 
 std::ostream& operator<<(std::ostream& os, const LogEntry& value) {
@@ -105,12 +102,9 @@ Config::Config(Qel::String8::IteratorConst& it, const Qel::String8::IteratorCons
 }
 
 Qel::String valueToStrep(const Config& value) {
-  std::string s = "Value('KronlogWriter::Config', ** {'size': ";
-  s += Qel::valueToStrep(value.size()).view();
-  s += ", 'overflowAction': ";
-  s += valueToStrep(value.overflowAction()).view();
-  s += "})";
-  return Qel::String(s);
+  return Qel::valueTypeStrep("KronlogWriter::Config",
+                             {{"size", Qel::valueToStrep(value.size())},
+                              {"overflowAction", valueToStrep(value.overflowAction())}});
 }
 
 std::ostream& operator<<(std::ostream& os, const Config& value) {
@@ -120,12 +114,9 @@ std::ostream& operator<<(std::ostream& os, const Config& value) {
 // ---- Writer::LogMetadata
 
 Qel::String valueToStrep(const Writer::LogMetadata& value) {
-  std::string s = "Value('KronlogWriter::Writer::LogMetadata', ** {'firstIndex': ";
-  s += Qel::valueToStrep(value.firstIndex()).view();
-  s += ", 'nextIndex': ";
-  s += Qel::valueToStrep(value.nextIndex()).view();
-  s += "})";
-  return Qel::String(s);
+  return Qel::valueTypeStrep("KronlogWriter::Writer::LogMetadata",
+                             {{"firstIndex", Qel::valueToStrep(value.firstIndex())},
+                              {"nextIndex", Qel::valueToStrep(value.nextIndex())}});
 }
 
 std::ostream& operator<<(std::ostream& os, const Writer::LogMetadata& value) {
@@ -142,9 +133,7 @@ Writer::Writer(const Qel::Name& name, const Config& config) : Entity(name), conf
 Writer::~Writer() = default;
 
 Writer::Ptr Writer::WriterIs(const Qel::Name& name, const Config& config) {
-  Ptr w(new Writer(name, config));
-  if (!w) Qel::throwRangeException("null ValidPtr");
-  return w;
+  return Ptr(new Writer(name, config));
 }
 
 Writer::Ptr writerFactory(const Qel::Name& name, const Config& config) {
@@ -155,10 +144,7 @@ Qel::NotifieeListBase* Writer::notifieeList() const {
   return const_cast<Qel::NotifieeListBase*>(&notifiees_);
 }
 
-const Qel::TypeNode* Writer::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogWriter::Writer");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(Writer, "KronlogWriter::Writer")
 
 void Writer::logNotify(unsigned int index) {
   notifiees_.visitAs<Notifiee>(this, [index](Notifiee* n) { n->onLog(index); });
@@ -284,9 +270,7 @@ WriterDir::~WriterDir() {
 }
 
 WriterDir::Ptr WriterDir::WriterDirIs(const Qel::Name& name) {
-  Ptr d(new WriterDir(name));
-  if (!d) Qel::throwRangeException("null ValidPtr");
-  return d;
+  return Ptr(new WriterDir(name));
 }
 
 WriterDir::Ptr writerDirFactory(const Qel::Name& name) {
@@ -297,10 +281,7 @@ Qel::NotifieeListBase* WriterDir::notifieeList() const {
   return const_cast<Qel::NotifieeListBase*>(&notifiees_);
 }
 
-const Qel::TypeNode* WriterDir::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogWriter::WriterDir");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(WriterDir, "KronlogWriter::WriterDir")
 
 Writer::Ptr WriterDir::newWriter(const Qel::Name& name, const Config& config) {
   if (writers_.member(name)) {
@@ -326,7 +307,6 @@ Writer::Ptr WriterDir::writerIs(const Qel::Name& name, const Config& config) {
         valueToStrep(existing->config()).stdString() + " not allowed"));
   }
   Writer::Ptr w = newWriter(name, config);
-  if (!w) Qel::throwRangeException("null ValidPtr");
   notifiees_.visitAs<Notifiee>(this, [&name](Notifiee* n) { n->onWriter(name); });
   return w;
 }

@@ -52,7 +52,7 @@ class KRONLOG_EXPORT LogEntry : public Qel::PtrInterface {
   Qel::String message_;
 };
 
-// Never null; Qel::RangeException "null ValidPtr" otherwise.
+// Never null: a failed allocation throws std::bad_alloc.
 KRONLOG_EXPORT LogEntry::Ptr logEntryFactory(Qel::String8 agentName, Qel::String8 messageGroup,
                                              double const& timestamp, Qel::String8 message);
 

@@ -225,7 +225,7 @@ class KRONLOG_EXPORT Writer : public Qel::Entity,
 KRONLOG_EXPORT Qel::String valueToStrep(const Writer::LogMetadata& value);
 KRONLOG_EXPORT std::ostream& operator<<(std::ostream& os, const Writer::LogMetadata& value);
 
-// Never null; Qel::RangeException "null ValidPtr" otherwise.
+// Never null: a failed allocation throws std::bad_alloc.
 KRONLOG_EXPORT Writer::Ptr writerFactory(const Qel::Name& name, const Config& config);
 
 // An agent's writers, keyed by writer name. The directory owns its writers
@@ -288,7 +288,7 @@ class KRONLOG_EXPORT WriterDir : public Qel::Entity {
   Qel::NotifieeListBase notifiees_;
 };
 
-// Never null; Qel::RangeException "null ValidPtr" otherwise.
+// Never null: a failed allocation throws std::bad_alloc.
 KRONLOG_EXPORT WriterDir::Ptr writerDirFactory(const Qel::Name& name);
 
 }  // namespace KronlogWriter

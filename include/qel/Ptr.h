@@ -158,10 +158,6 @@ bool operator!=(const Ptr<T>& a, std::nullptr_t) noexcept {
 }
 
 template <class T, class U>
-Ptr<T> ptrCast(const Ptr<U>& p) noexcept {
-  return Ptr<T>(static_cast<T*>(p.ptr()));
-}
-template <class T, class U>
 Ptr<T> ptrDynamicCast(const Ptr<U>& p) noexcept {
   return Ptr<T>(dynamic_cast<T*>(p.ptr()));
 }

@@ -16,6 +16,9 @@
 #ifndef QEL_STREP_H
 #define QEL_STREP_H
 
+#include <initializer_list>
+#include <utility>
+
 #include "qel/Exception.h"
 #include "qel/Export.h"
 #include "qel/String.h"
@@ -30,6 +33,10 @@ QEL_EXPORT String valueToStrep(unsigned int value);
 QEL_EXPORT String valueToStrep(bool value);
 QEL_EXPORT String valueToStrep(const String& value);
 QEL_EXPORT String valueToStrep(const char* value);
+// The text form of a value type: "Value('<typeName>', ** {'<field>': <text>,
+// ...})", each text already in its own text form, fields in order.
+QEL_EXPORT String valueTypeStrep(const char* typeName,
+                                 std::initializer_list<std::pair<const char*, String>> fields);
 // "None" for null; otherwise the object's registered type name and address.
 QEL_EXPORT String valueToStrepOfRawPtr(const PtrInterface* value);
 

@@ -95,6 +95,15 @@ class QEL_EXPORT TypeNode : public PtrInterface {
 QEL_EXPORT const TypeNode* typeNodeIs(Ptr<TypeNode> node);
 // The type registered under `name`, or null.
 QEL_EXPORT const TypeNode* typeNode(const Name& name);
+
+// Defines Class::fwkType(): the type registered under `typeName`, looked up
+// once, on the first call (registration happens at load time, before any
+// object of the type can exist).
+#define QEL_FWK_TYPE_DEFINE(Class, typeName)                              \
+  const ::Qel::TypeNode* Class::fwkType() const {                         \
+    static const ::Qel::TypeNode* const type = ::Qel::typeNode(typeName); \
+    return type;                                                          \
+  }
 // Every registered type, in registration order.
 QEL_EXPORT std::vector<const TypeNode*> typeNodes();
 

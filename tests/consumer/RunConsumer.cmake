@@ -29,7 +29,8 @@ if(PKG_CONFIG)
   string(STRIP "${last_output}" flags)
   separate_arguments(flags UNIX_COMMAND "${flags}")
   separate_arguments(abi UNIX_COMMAND "${ABI_FLAGS}")
-  run(${CXX} -std=c++17 ${abi} ${SOURCE_DIR}/main.cpp -o ${WORK_DIR}/consumer-pc ${flags}
+  run(${CXX} -std=c++17 -Wall -Wextra -Wshadow -Woverloaded-virtual -Werror ${abi}
+      ${SOURCE_DIR}/main.cpp -o ${WORK_DIR}/consumer-pc ${flags}
       -Wl,-rpath,${prefix}/lib)
   run(${WORK_DIR}/consumer-pc)
   message(STATUS "pkg-config consumer: ${last_output}")
