@@ -147,7 +147,7 @@ QEL_FWK_TYPE_DEFINE(Status, "KronlogReader::Status")
 QEL_TRACKED_ALLOCATION_DEFINE(Reader, "KronlogReader::Reader")
 
 Reader::Reader(Qel::Ptr<Config const> const& config, Qel::Ptr<Status> const& status)
-    : config_(config), status_(status), initialized_(false) {
+    : config_(config), status_(status) {
   handleInitialized();
 }
 
@@ -155,11 +155,6 @@ Reader::~Reader() = default;
 
 Reader::Ptr readerFactory(Qel::Ptr<Config const> const& config, Qel::Ptr<Status> const& status) {
   return Reader::Ptr(new Reader(config, status));
-}
-
-void Reader::handleInitialized() {
-  doRead();
-  initializedIs(true);
 }
 
 QEL_FWK_TYPE_DEFINE(Reader, "KronlogReader::Reader")
@@ -302,22 +297,14 @@ const bool registered = [] {
       Qel::Ptr<TypeNode>(new TypeNode("KronlogReader::Status", TypeNode::Kind::entity)));
 
   Qel::Ptr<TypeNode> reader(new TypeNode("KronlogReader::Reader", TypeNode::Kind::entity));
-  reader
-      ->attributeIs("initialized",
-                    [](const PtrInterface& o) {
-                      return Qel::valueToStrep(static_cast<const Reader&>(o).initialized());
-                    })
+  Reader::reflectionIs(*reader, "doRead")
       .attributeIs("config",
                    [](const PtrInterface& o) {
                      return Qel::valueToStrepOfRawPtr(static_cast<const Reader&>(o).config().ptr());
                    })
-      .attributeIs("status",
-                   [](const PtrInterface& o) {
-                     return Qel::valueToStrepOfRawPtr(static_cast<const Reader&>(o).status().ptr());
-                   })
-      .operationIs("doRead", [](PtrInterface& o) { static_cast<Reader&>(o).doRead(); })
-      .operationIs("handleInitialized",
-                   [](PtrInterface& o) { static_cast<Reader&>(o).handleInitialized(); });
+      .attributeIs("status", [](const PtrInterface& o) {
+        return Qel::valueToStrepOfRawPtr(static_cast<const Reader&>(o).status().ptr());
+      });
   Qel::typeNodeIs(reader);
 
   Qel::Ptr<TypeNode> entry(new TypeNode("KronlogReader::LogEntry", TypeNode::Kind::entity));

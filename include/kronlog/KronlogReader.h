@@ -22,6 +22,7 @@
 #include "qel/LinkQueue.h"
 #include "qel/LogAttribute.h"
 #include "qel/String.h"
+#include "qel/WorkAtConstruction.h"
 
 namespace KronlogReader {
 
@@ -206,7 +207,7 @@ KRONLOG_EXPORT Status::Ptr statusFactory();
 // the reader initialized. Entries are appended behind what the status
 // holds. A malformed pattern throws std::regex_error out of the constructor
 // and leaves the status as it was.
-class KRONLOG_EXPORT Reader : public Qel::PtrInterface {
+class KRONLOG_EXPORT Reader : public Qel::PtrInterface, public Qel::WorkAtConstruction<Reader> {
   QEL_TRACKED_ALLOCATION()
 
  public:
@@ -217,13 +218,11 @@ class KRONLOG_EXPORT Reader : public Qel::PtrInterface {
 
   const Qel::Ptr<Config const>& config() const noexcept { return config_; }
   const Qel::Ptr<Status>& status() const noexcept { return status_; }
-  bool initialized() const noexcept { return initialized_; }
-  void initializedIs(bool value) noexcept { initialized_ = value; }
 
   // Collects, filters and merges; appends the result to the status.
+  // handleInitialized() runs it, then sets initialized.
   void doRead();
-  // doRead(), then initializedIs(true).
-  void handleInitialized();
+  static constexpr void (Reader::*kWork)() = &Reader::doRead;
 
   const Qel::TypeNode* fwkType() const override;
 
@@ -233,7 +232,6 @@ class KRONLOG_EXPORT Reader : public Qel::PtrInterface {
  private:
   Qel::Ptr<Config const> config_;
   Qel::Ptr<Status> status_;
-  bool initialized_;
 };
 
 KRONLOG_EXPORT Reader::Ptr readerFactory(Qel::Ptr<Config const> const& config,
