@@ -1,18 +1,30 @@
-// The cost of a read: 64 writer directories of 4 writers with 256 entries
-// each (65,536 entries, timestamps interleaved across all writers, every
-// log in time order), read with the default patterns and with an agent
-// pattern that selects 8 of the 64 agents. Each case runs twice: through
-// KronlogReader::Reader, and through a plain read written here (both
-// patterns compiled with std::regex per writer directory and per writer,
-// one std::multimap for the merge, then Status::logEnq for each entry).
+// The cost of a read, against a plain read written here: both patterns
+// compiled with std::regex per writer directory and per writer, one
+// std::multimap keyed by timestamp for the merge, then Status::logEnq for
+// each entry.
 //
-// Each iteration reads into a fresh status; releasing the status afterwards
-// is left out of the measurement for both. After the runs a summary gives
-// both CPU times per case, the ratio plain/Reader and the time per entry.
+// Three inputs of 65,536 entries each:
+//   round_robin  64 agents x 4 writers x 256 entries, the k-th entry of every
+//                writer before the (k+1)-th of any, short messages;
+//   sequential_256  the same 256 writers filled one after the other, each
+//                with its own start and irregular gaps, so timestamps
+//                interleave irregularly across writers; messages of 60 to
+//                120 bytes;
+//   sequential_64   16 agents x 4 writers x 1024 entries, filled the same way.
+// Every input is read with the default patterns; round_robin also with an
+// agent pattern that selects 8 of its 64 agents.
+//
+// Google Benchmark times each side on its own. The summary that follows
+// runs 31 rounds per case, ours and the plain read alternating within each
+// round, each into a fresh status released outside the clock, and prints
+// the median and the 10th to 90th percentile spread of each side.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <map>
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -24,56 +36,91 @@
 
 namespace {
 
-constexpr int kAgents = 64;
-constexpr int kWritersPerAgent = 4;
-constexpr int kEntriesPerWriter = 256;
-constexpr int kWriters = kAgents * kWritersPerAgent;
 constexpr double kStart = 1763805600.0;
+constexpr int kRounds = 31;
 
-// The agents' directory, built once and shared by every run.
-const Qel::Dir::Ptr& agents() {
-  static const Qel::Dir::Ptr dir = [] {
-    Qel::Dir::Ptr d = Qel::dirFactory("agents");
-    std::vector<KronlogWriter::Writer::Ptr> writers;
-    char name[32];
-    for (int a = 0; a < kAgents; ++a) {
-      std::snprintf(name, sizeof name, "agent%02d", a);
-      KronlogWriter::WriterDir::Ptr agent = KronlogWriter::writerDirFactory(name);
-      d->entityIs(agent);
-      for (int w = 0; w < kWritersPerAgent; ++w) {
-        std::snprintf(name, sizeof name, "group%d", w);
-        writers.push_back(agent->writerIs(
-            name, KronlogWriter::Config(kEntriesPerWriter, KronlogWriter::keepLastEntries)));
-      }
+struct Input {
+  const char* name;
+  int agents;
+  int writersPerAgent;
+  int entriesPerWriter;
+  bool roundRobin;
+};
+
+const Input kInputs[] = {
+    {"round_robin", 64, 4, 256, true},
+    {"sequential_256", 64, 4, 256, false},
+    {"sequential_64", 16, 4, 1024, false},
+};
+
+// A message of 60 to 120 bytes, as device events are.
+Qel::String message(std::mt19937& rng, int writer, int k) {
+  std::string text = "event " + std::to_string(k) + " of writer " + std::to_string(writer) +
+                     ": neighbor 10.0.0." + std::to_string(k % 250) + " state changed";
+  const std::size_t length = 60 + rng() % 61;
+  while (text.size() < length) text += " detail";
+  text.resize(length);
+  return Qel::String(text);
+}
+
+Qel::Dir::Ptr build(const Input& in) {
+  Qel::Dir::Ptr dir = Qel::dirFactory("agents");
+  std::vector<KronlogWriter::Writer::Ptr> writers;
+  char name[32];
+  for (int a = 0; a < in.agents; ++a) {
+    std::snprintf(name, sizeof name, "agent%02d", a);
+    KronlogWriter::WriterDir::Ptr agent = KronlogWriter::writerDirFactory(name);
+    dir->entityIs(agent);
+    for (int w = 0; w < in.writersPerAgent; ++w) {
+      std::snprintf(name, sizeof name, "group%d", w);
+      writers.push_back(agent->writerIs(
+          name, KronlogWriter::Config(in.entriesPerWriter, KronlogWriter::keepLastEntries)));
     }
-    // Round robin over all writers: the k-th entry of every writer comes
-    // before the (k+1)-th of any, so the merge has to interleave them all.
-    for (int k = 0; k < kEntriesPerWriter; ++k) {
-      for (int g = 0; g < kWriters; ++g) {
-        const double t = kStart + (k * kWriters + g) * 0.001;
+  }
+  const int n = static_cast<int>(writers.size());
+  std::mt19937 rng(20261123);
+  if (in.roundRobin) {
+    for (int k = 0; k < in.entriesPerWriter; ++k) {
+      for (int g = 0; g < n; ++g) {
+        const double t = kStart + (k * n + g) * 0.001;
         writers[g]->logEnq(
             KronlogWriter::LogEntry(t, Qel::String("event " + std::to_string(k) + " of writer " +
                                                    std::to_string(g) + ": state changed")));
       }
     }
-    return d;
-  }();
+  } else {
+    std::uniform_real_distribution<double> start(0.0, 600.0);
+    std::exponential_distribution<double> gap(1.0 / 0.5);
+    for (int g = 0; g < n; ++g) {
+      double t = kStart + start(rng);
+      for (int k = 0; k < in.entriesPerWriter; ++k) {
+        t += gap(rng);
+        writers[g]->logEnq(KronlogWriter::LogEntry(t, message(rng, g, k)));
+      }
+    }
+  }
   return dir;
 }
 
 struct Case {
-  const char* name;
+  std::string name;
+  const Input* input;
   const char* agentPattern;
 };
 
-const Case kCases[] = {
-    {"all_agents", ".*"},
-    {"8_of_64_agents", "agent0[0-7]"},
-};
+std::vector<Case> cases() {
+  std::vector<Case> all;
+  for (const Input& in : kInputs) all.push_back({std::string(in.name) + "/all", &in, ".*"});
+  all.push_back({"round_robin/8_of_64_agents", &kInputs[0], "agent0[0-7]"});
+  return all;
+}
 
 KronlogReader::Config::Ptr configFor(const Case& c) {
+  static std::map<const Input*, Qel::Dir::Ptr> built;
+  Qel::Dir::Ptr& dir = built[c.input];
+  if (!dir) dir = build(*c.input);
   KronlogReader::Config::Ptr config = KronlogReader::configFactory();
-  config->dirIs(agents());
+  config->dirIs(dir);
   config->agentPatternIs(c.agentPattern);
   return config;
 }
@@ -87,21 +134,20 @@ void plainRead(const KronlogReader::Config::Ptr& config, const KronlogReader::St
   std::multimap<double, KronlogReader::LogEntry::Ptr> merged;
   const Qel::String& agentPattern = config->agentPattern();
   const Qel::String& groupPattern = config->messageGroupPattern();
-  for (KronlogReader::Config::DirIterator d = config->dirIter(); d; ++d) {
-    for (Qel::Dir::EntityIterator e = d.value()->entityIter(); e; ++e) {
-      auto* agent = dynamic_cast<KronlogWriter::WriterDir*>(e.member());
+  for (const Qel::Dir& dir : config->dirMap()) {
+    for (const Qel::Entity& e : dir.entityMap()) {
+      auto* agent = dynamic_cast<const KronlogWriter::WriterDir*>(&e);
       if (!agent) continue;
       const std::regex agentRe(agentPattern.begin(), agentPattern.end());
       if (!std::regex_match(agent->name().begin(), agent->name().end(), agentRe)) continue;
-      for (KronlogWriter::WriterDir::WriterIterator w = agent->writerIter(); w; ++w) {
+      for (const KronlogWriter::Writer& writer : agent->writerMap()) {
         const std::regex groupRe(groupPattern.begin(), groupPattern.end());
-        const KronlogWriter::Writer& writer = *w.value();
         if (!std::regex_match(writer.name().begin(), writer.name().end(), groupRe)) continue;
-        for (auto it = writer.logIterConst(); it; ++it) {
-          const double t = it->entry().timestamp();
+        for (const KronlogWriter::Writer::QelLog& node : writer.logQueue()) {
+          const double t = node.entry().timestamp();
           if (!(config->minTimestamp() <= t && t <= config->maxTimestamp())) continue;
           merged.insert({t, KronlogReader::logEntryFactory(agent->name(), writer.name(), t,
-                                                           it->entry().message())});
+                                                           node.entry().message())});
         }
       }
     }
@@ -122,16 +168,11 @@ void runRead(benchmark::State& state, const Case& c, ReadFunction read) {
     status = nullptr;  // releasing the entries is not part of the read
     state.ResumeTiming();
   }
-  state.counters["kept"] = static_cast<double>(kept);
-  state.counters["per_kept_entry"] =
-      benchmark::Counter(static_cast<double>(kept), benchmark::Counter::kIsIterationInvariantRate |
-                                                        benchmark::Counter::kInvert);
-  state.counters["per_scanned_entry"] = benchmark::Counter(
-      static_cast<double>(kWriters * kEntriesPerWriter),
-      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["entries_per_s"] =
+      benchmark::Counter(static_cast<double>(kept), benchmark::Counter::kIsIterationInvariantRate);
 }
 
-// Both reads must agree before their times mean anything.
+// Both reads must agree, entry for entry, before their times mean anything.
 bool sameResult(const Case& c) {
   KronlogReader::Status::Ptr ours = KronlogReader::statusFactory();
   KronlogReader::Status::Ptr plain = KronlogReader::statusFactory();
@@ -152,72 +193,74 @@ bool sameResult(const Case& c) {
   return true;
 }
 
-// Prints the usual table and remembers each run's CPU time per iteration
-// (the median when repetitions are asked for) for the summary. CPU time,
-// because the machines this runs on are shared: time spent waiting for a
-// core would otherwise blur the ratio.
-class SummaryReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      const std::string name = r.run_name.function_name;
-      if (r.run_type == Run::RT_Iteration) {
-        if (!medians_.count(name)) seconds_[name] = r.GetAdjustedCPUTime() / multiplier(r);
-      } else if (r.aggregate_name == "median") {
-        medians_[name] = true;
-        seconds_[name] = r.GetAdjustedCPUTime() / multiplier(r);
+// One timed read into a fresh status; the status is released after the
+// clock stops.
+double timedRead(const KronlogReader::Config::Ptr& config, ReadFunction read, unsigned* kept) {
+  KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
+  const auto start = std::chrono::steady_clock::now();
+  read(config, status);
+  const auto stop = std::chrono::steady_clock::now();
+  *kept = status->logs();
+  return std::chrono::duration<double>(stop - start).count();
+}
+
+struct Spread {
+  double median, p10, p90;
+};
+
+Spread spreadOf(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  auto at = [&](double q) { return v[static_cast<std::size_t>(q * (v.size() - 1) + 0.5)]; };
+  return {at(0.5), at(0.1), at(0.9)};
+}
+
+void summary() {
+  std::printf(
+      "\nReader against the plain read, %d interleaved rounds per case (ms: median "
+      "[p10 .. p90]):\n",
+      kRounds);
+  for (const Case& c : cases()) {
+    const KronlogReader::Config::Ptr config = configFor(c);
+    std::vector<double> ours, plain;
+    unsigned kept = 0;
+    for (int r = 0; r < kRounds; ++r) {
+      // Alternate which side goes first, so that neither always runs on the
+      // allocator state the other left.
+      if (r % 2 == 0) {
+        ours.push_back(timedRead(config, readerRead, &kept));
+        plain.push_back(timedRead(config, plainRead, &kept));
+      } else {
+        plain.push_back(timedRead(config, plainRead, &kept));
+        ours.push_back(timedRead(config, readerRead, &kept));
       }
     }
+    const Spread o = spreadOf(ours), p = spreadOf(plain);
+    std::printf(
+        "  %-28s reader %7.2f [%6.2f .. %6.2f]  plain %7.2f [%6.2f .. %6.2f]  "
+        "plain/reader %5.2fx  reader %6.1f ns/entry, %5.2f M entries/s\n",
+        c.name.c_str(), o.median * 1e3, o.p10 * 1e3, o.p90 * 1e3, p.median * 1e3, p.p10 * 1e3,
+        p.p90 * 1e3, p.median / o.median, o.median / kept * 1e9, kept / o.median / 1e6);
   }
-  double seconds(const std::string& name) const {
-    auto it = seconds_.find(name);
-    return it == seconds_.end() ? 0.0 : it->second;
-  }
-
- private:
-  static double multiplier(const Run& r) { return benchmark::GetTimeUnitMultiplier(r.time_unit); }
-  std::map<std::string, double> seconds_;
-  std::map<std::string, bool> medians_;
-};
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  for (const Case& c : kCases) {
+  static const std::vector<Case> all = cases();
+  for (const Case& c : all) {
     if (!sameResult(c)) {
-      std::fprintf(stderr, "ReaderBench: Reader and plain read disagree for %s\n", c.name);
+      std::fprintf(stderr, "ReaderBench: Reader and plain read disagree for %s\n", c.name.c_str());
       return 1;
     }
-    benchmark::RegisterBenchmark((std::string("read/") + c.name + "/reader").c_str(), runRead, c,
-                                 readerRead)
+    benchmark::RegisterBenchmark(("read/" + c.name + "/reader").c_str(), runRead, c, readerRead)
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark((std::string("read/") + c.name + "/plain").c_str(), runRead, c,
-                                 plainRead)
+    benchmark::RegisterBenchmark(("read/" + c.name + "/plain").c_str(), runRead, c, plainRead)
         ->Unit(benchmark::kMillisecond);
   }
-  SummaryReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-
-  std::printf("\nReader against the plain read (%d entries in %d writers of %d agents):\n",
-              kWriters * kEntriesPerWriter, kWriters, kAgents);
-  for (const Case& c : kCases) {
-    const std::string base = std::string("read/") + c.name;
-    const double ours = reporter.seconds(base + "/reader");
-    const double plain = reporter.seconds(base + "/plain");
-    if (ours <= 0 || plain <= 0) continue;  // filtered out
-    KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
-    readerRead(configFor(c), status);
-    const double kept = status->logs();
-    std::printf(
-        "  %-16s reader %8.3f ms  plain %8.3f ms  plain/reader %5.2fx  "
-        "reader per kept entry %6.1f ns, per scanned entry %5.1f ns\n",
-        c.name, ours * 1e3, plain * 1e3, plain / ours, ours / kept * 1e9,
-        ours / (kWriters * kEntriesPerWriter) * 1e9);
-  }
+  summary();
   return 0;
 }

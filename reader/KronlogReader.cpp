@@ -188,64 +188,86 @@ class LazyPattern {
   std::optional<std::regex> regex_;
 };
 
-// One selected entry: its timestamp (the sort key), the writer it came from
-// and its node. Entries are built only once their order is known.
-struct Selected {
-  double timestamp;
-  std::uint32_t source;
-  const KronlogWriter::Writer::QelLog* node;
+using WriterLogMember = KronlogWriter::WriterLogMember;
+
+// A run: consecutive entries of one writer, inside the time window, in time
+// order. A writer's log is normally one run; a clock step or restored
+// history splits it. Runs are numbered in discovery order (directory,
+// agent, writer, then position in the log), which is the order that equal
+// timestamps keep.
+struct Run {
+  double timestamp;             // of `node`, the sort key
+  std::uint32_t order;          // discovery order, the tie-break
+  const WriterLogMember* node;  // the next entry to merge
+  const WriterLogMember* end;   // the first entry after the run, or null
+  const KronlogWriter::WriterDir* agent;
+  const KronlogWriter::Writer* writer;
+
+  bool after(const Run& o) const noexcept {
+    return timestamp > o.timestamp || (timestamp == o.timestamp && order > o.order);
+  }
 };
 
-struct Source {
-  Qel::String agentName;
-  Qel::String messageGroup;
-};
-
-// Sorts `items` by timestamp, keeping equal timestamps in their current
-// order. Writers' logs are normally already in time order, so the input is
-// a handful of ascending runs: merging neighbouring runs pass by pass costs
-// O(n log runs) and touches memory sequentially.
-void stableSortRuns(std::vector<Selected>& items) {
-  const std::size_t n = items.size();
-  if (n < 2) return;
-  std::vector<std::size_t> bounds{0};
-  for (std::size_t i = 1; i < n; ++i) {
-    if (items[i].timestamp < items[i - 1].timestamp) bounds.push_back(i);
-  }
-  bounds.push_back(n);
-  if (bounds.size() == 2) return;  // already in order
-  auto earlier = [](const Selected& a, const Selected& b) { return a.timestamp < b.timestamp; };
-  std::vector<Selected> buffer(n);
-  std::vector<Selected>* from = &items;
-  std::vector<Selected>* to = &buffer;
-  while (bounds.size() > 2) {
-    std::vector<std::size_t> merged{0};
-    for (std::size_t r = 0; r + 1 < bounds.size(); r += 2) {
-      const std::size_t lo = bounds[r], mid = bounds[r + 1];
-      const std::size_t hi = r + 2 < bounds.size() ? bounds[r + 2] : mid;
-      // std::merge takes from the first range on ties: stability.
-      std::merge(from->begin() + lo, from->begin() + mid, from->begin() + mid, from->begin() + hi,
-                 to->begin() + lo, earlier);
-      merged.push_back(hi);
-    }
-    bounds.swap(merged);
-    std::swap(from, to);
-  }
-  if (from != &items) items.swap(buffer);
+bool inWindow(double t, double min, double max) noexcept {
+  return min <= t && t <= max;  // both ends inclusive; a NaN is outside
 }
+
+// The first entry from `m` on inside the window, or null.
+const WriterLogMember* nextInWindow(const WriterLogMember* m, double min, double max) noexcept {
+  while (m && !inWindow(m->entry().timestamp(), min, max)) m = m->next();
+  return m;
+}
+
+// A min-heap of runs by (timestamp, order), kept by hand so that the merge
+// replaces the top in place instead of popping and pushing.
+void siftDown(std::vector<Run>& heap, std::size_t i) noexcept {
+  const std::size_t n = heap.size();
+  Run moving = heap[i];
+  for (std::size_t child = 2 * i + 1; child < n; child = 2 * i + 1) {
+    if (child + 1 < n && heap[child].after(heap[child + 1])) ++child;
+    if (!moving.after(heap[child])) break;
+    heap[i] = heap[child];
+    i = child;
+  }
+  heap[i] = moving;
+}
+
+// The run list's memory, handed from one read to the next, so that reads
+// after the first few allocate no scratch memory. A read borrows it and
+// gives it back when it ends; a read started meanwhile (from a trace sink,
+// say) finds none to borrow and makes its own.
+class ScratchRuns {
+ public:
+  ScratchRuns() : runs_(std::move(spare())) { runs_.clear(); }
+  ~ScratchRuns() {
+    if (runs_.capacity() > spare().capacity()) spare() = std::move(runs_);
+  }
+  ScratchRuns(const ScratchRuns&) = delete;
+  ScratchRuns& operator=(const ScratchRuns&) = delete;
+  std::vector<Run>& runs() noexcept { return runs_; }
+
+ private:
+  static std::vector<Run>& spare() {
+    thread_local std::vector<Run> spare;
+    return spare;
+  }
+  std::vector<Run> runs_;
+};
 
 }  // namespace
 
-void Reader::doRead() {
-  KRONLOG_TRACE(0, kFile, 29, "doRead", << "void KronlogReader::Reader::doRead()");
-  const Config& config = *config_;
-  const double minTimestamp = config.minTimestamp();
-  const double maxTimestamp = config.maxTimestamp();
-  LazyPattern agentPattern(config.agentPattern());
-  LazyPattern groupPattern(config.messageGroupPattern());
-  std::vector<Source> sources;
-  std::vector<Selected> selected;
+namespace {
 
+// Finds the runs of every selected writer, in discovery order. With
+// `splitRuns` it walks every log and starts a run at each step back in
+// time (and traces each entry examined, at level 1); without, it assumes
+// each log is in time order and makes one run per writer from its first
+// entry inside the window, which the merge then checks.
+void collectRuns(const Config& config, LazyPattern& agentPattern, LazyPattern& groupPattern,
+                 bool splitRuns, bool traceWriters, std::vector<Run>& runs) {
+  const double min = config.minTimestamp();
+  const double max = config.maxTimestamp();
+  runs.clear();
   for (Config::DirIteratorConst d = config.dirIterConst(); d; ++d) {
     const Qel::Dir* dir = d.value();
     if (!dir) continue;
@@ -255,35 +277,105 @@ void Reader::doRead() {
       for (KronlogWriter::WriterDir::WriterIteratorConst w = agent->writerIterConst(); w; ++w) {
         const KronlogWriter::Writer& writer = *w.value();
         if (!groupPattern.matches(writer.name())) continue;
-        KRONLOG_TRACE(2, kFile, 85, "handleWriter", << "handleWriter"
-                                                    << " config->minTimestamp: " << minTimestamp
-                                                    << " config->maxTimestamp: " << maxTimestamp);
-        const auto source = static_cast<std::uint32_t>(sources.size());
-        sources.push_back({agent->name(), writer.name()});
-        for (const KronlogWriter::Writer::QelLog* m = writer.logQueue().head(); m; m = m->next()) {
+        if (traceWriters) {
+          KRONLOG_TRACE(2, kFile, 85, "handleWriter", << "handleWriter"
+                                                      << " config->minTimestamp: " << min
+                                                      << " config->maxTimestamp: " << max);
+        }
+        const WriterLogMember* head = writer.logQueue().head();
+        if (!splitRuns) {
+          if (const WriterLogMember* m = nextInWindow(head, min, max)) {
+            runs.push_back({m->entry().timestamp(), static_cast<std::uint32_t>(runs.size()), m,
+                            nullptr, agent, &writer});
+          }
+          continue;
+        }
+        double previous = 0.0;
+        bool inRun = false;
+        for (const WriterLogMember* m = head; m; m = m->next()) {
           const double t = m->entry().timestamp();
           KRONLOG_TRACE(1, kFile, 90, "handleWriter",
                         << "handleWriter"
                         << " agentName: " << agent->name() << " messageGroup: " << writer.name()
                         << " timestamp: " << t << " message: " << m->entry().message());
-          // Both ends inclusive; a NaN compares false and is left out.
-          if (minTimestamp <= t && t <= maxTimestamp) selected.push_back({t, source, m});
+          if (!inWindow(t, min, max)) continue;
+          if (!inRun || t < previous) {
+            if (inRun) runs.back().end = m;
+            runs.push_back(
+                {t, static_cast<std::uint32_t>(runs.size()), m, nullptr, agent, &writer});
+            inRun = true;
+          }
+          previous = t;
         }
       }
     }
   }
+}
 
-  stableSortRuns(selected);
-  // Build every entry before touching the status, so that a failure leaves
-  // the status as it was.
-  std::vector<LogEntry::Ptr> entries;
-  entries.reserve(selected.size());
-  for (const Selected& s : selected) {
-    const Source& src = sources[s.source];
-    entries.push_back(
-        logEntryFactory(src.agentName, src.messageGroup, s.timestamp, s.node->entry().message()));
+// Merges `runs` into `pending`, whose members are numbered from its next
+// index on. Returns false, part-way, when a run steps back in time (runs
+// collected without splitting, over a log that is not in time order).
+bool mergeRuns(std::vector<Run>& runs, double min, double max, Status::LogQueue& pending) {
+  for (std::size_t i = runs.size() / 2; i-- > 0;) siftDown(runs, i);
+  while (!runs.empty()) {
+    Run& top = runs.front();
+    LogEntry::Ptr entry(new LogEntry(top.agent->name(), top.writer->name(), top.timestamp,
+                                     top.node->entry().message()));
+    Qel::Ptr<StatusLogMember> member(new StatusLogMember(pending.appendIndex(), std::move(entry)));
+    pending.append(member.ptr());
+    const WriterLogMember* next = nextInWindow(top.node->next(), min, max);
+    if (next && next != top.end) {
+      const double t = next->entry().timestamp();
+      if (t < top.timestamp) return false;
+      top.node = next;
+      top.timestamp = t;
+      // This run's next turn needs its following node and this entry's
+      // message (whose count it takes): start loading both now, while the
+      // other runs take their turns.
+      __builtin_prefetch(next->next());
+      __builtin_prefetch(next->entry().message().data(), 1);
+    } else {
+      top = runs.back();
+      runs.pop_back();
+    }
+    if (!runs.empty()) siftDown(runs, 0);
   }
-  for (const LogEntry::Ptr& entry : entries) status_->logEnq(entry);
+  return true;
+}
+
+}  // namespace
+
+void Reader::doRead() {
+  KRONLOG_TRACE(0, kFile, 29, "doRead", << "void KronlogReader::Reader::doRead()");
+  const Config& config = *config_;
+  LazyPattern agentPattern(config.agentPattern());
+  LazyPattern groupPattern(config.messageGroupPattern());
+  ScratchRuns scratch;
+
+  // Logs are nearly always in time order, so the first attempt takes one
+  // run per writer and visits each entry once; a log that steps back in
+  // time sends the read round again with its runs split. Per-entry traces
+  // need the entries in log order, so they take the second way at once.
+  // Nothing touches the status until the merged entries are linked in at
+  // the end: a malformed pattern or a failed allocation leaves it as it was.
+  const bool traceEntries = _defaultTraceHandle().enabled(1);
+  const double min = config.minTimestamp();
+  const double max = config.maxTimestamp();
+  const unsigned int first = status_->logQueue().appendIndex();
+  {
+    Status::LogQueue pending;
+    pending.indicesIs(first, first);
+    collectRuns(config, agentPattern, groupPattern, traceEntries, true, scratch.runs());
+    if (mergeRuns(scratch.runs(), min, max, pending)) {
+      status_->logSplice(pending);
+      return;
+    }
+  }  // the first attempt's entries go here
+  Status::LogQueue pending;
+  pending.indicesIs(first, first);
+  collectRuns(config, agentPattern, groupPattern, true, false, scratch.runs());
+  mergeRuns(scratch.runs(), min, max, pending);
+  status_->logSplice(pending);
 }
 
 // ---- Registration, in load order: Status, Reader, LogEntry, Config.

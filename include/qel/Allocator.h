@@ -34,6 +34,9 @@ class QEL_EXPORT TypeAllocator {
     if (kPooling && free_ && size <= objectSize_ && !VFPtrInterface::enableThreadSafePointers) {
       FreeNode* n = free_;
       free_ = n->next;
+      // The next allocation reads the new head's link: start loading it
+      // now, since freed blocks are seldom in cache.
+      __builtin_prefetch(free_);
       ++allocations_;
       ++live_;
       return n;

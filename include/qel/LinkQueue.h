@@ -78,6 +78,43 @@ class LinkQueue {
     return nextIndex_;
   }
 
+  // The index the next append takes (effectiveNextIndex without storing it).
+  Index appendIndex() const noexcept {
+    return tail_ && tail_->index_ >= nextIndex_ ? static_cast<Index>(tail_->index_ + 1)
+                                                : nextIndex_;
+  }
+
+  // Moves every member of `other` behind the tail, in order, with the
+  // effect of appending them one by one (count, version, next index).
+  // `other` must have been filled by appends from indicesIs(n, n), n being
+  // this queue's appendIndex(), so that its members already carry the
+  // indexes the appends would give them. Returns false, moving nothing, when
+  // they would not fit before the head index; the caller then appends one by
+  // one and meets the full index space where an append would.
+  bool spliceBack(LinkQueue& other) noexcept {
+    if (!other.head_) return true;
+    const Index next = effectiveNextIndex();
+    if (head_) {
+      // An append at next + k fails when next + k + 1 reaches the head.
+      const Index room = static_cast<Index>(headIndex_ - next - 1);
+      if (room < other.count_) return false;
+      tail_->next_ = std::move(other.head_);
+    } else {
+      if (headIndex_ == static_cast<Index>(next + 1)) return false;
+      head_ = std::move(other.head_);
+      headIndex_ = next;
+    }
+    tail_ = other.tail_;
+    nextIndex_ = static_cast<Index>(tail_->index_ + 1);
+    version_ += other.count_;
+    count_ += other.count_;
+    other.tail_ = nullptr;
+    other.count_ = 0;
+    other.headIndex_ = other.nextIndex_;
+    ++other.version_;
+    return true;
+  }
+
   // Exact lookup: the two ends first, then a walk from the head.
   Member* find(const Index& index) const noexcept {
     if (!head_) return nullptr;

@@ -60,6 +60,27 @@ class LogAttribute {
     notify(m->index());
     return m->value();
   }
+  // Appends every entry of `pending` in order, as logEnq would one by one
+  // (same indexes, one notification per index), and leaves it empty.
+  // `pending` is a queue the caller filled by appends after
+  // pending.indicesIs(n, n), n being logQueue().appendIndex(): building
+  // the entries apart and linking them in at once means a failure while
+  // building leaves this log as it was. Throws like logEnq, at the same
+  // entry, when the index space fills up.
+  void logSplice(LogQueue& pending) {
+    const unsigned int first = log_.appendIndex();
+    const unsigned int added = pending.members();
+    if (!log_.spliceBack(pending)) {
+      for (Ptr<Member> m = pending.deq(); m; m = pending.deq()) {
+        const unsigned int index = log_.effectiveNextIndex();
+        log_.append(m.ptr());
+        notify(index);
+      }
+      return;
+    }
+    for (unsigned int k = 0; k < added; ++k) notify(first + k);
+  }
+
   // logDeq without handing the entry back, for callers that would discard
   // it (a full log evicting its oldest entry).
   void logEvict() {
