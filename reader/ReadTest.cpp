@@ -301,6 +301,16 @@ TEST_F(MergeOrderTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
   EXPECT_EQ(statusRows(), inVisitOrder(5.0));
 }
 
+// A log filled out of time order (a restored or streamed one) still merges
+// stably: equal timestamps keep their log order across runs.
+TEST_F(MergeOrderTest, EqualTimestampsAcrossOutOfOrderRunsKeepLogOrder) {
+  for (auto [t, m] : {std::pair(2.0, "a"), {1.0, "b"}, {2.0, "c"}, {1.0, "d"}, {0.5, "e"}}) {
+    addEntry("agent", "group", t, m);
+  }
+  read();
+  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"e", "b", "d", "a", "c"}));
+}
+
 // ---- The status: appended to, never cleared or reordered.
 
 class AppendToStatusTest : public ReadTest {};

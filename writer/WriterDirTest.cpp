@@ -218,6 +218,7 @@ TEST(WriterDirLifetimeTest, WriterHeldElsewhereOutlivesItsDirectoryUnparented) {
 // second, the name in its quoted text form.
 
 struct ConflictCase {
+  const char* what;
   const char* name;
   Config current;
   Config requested;
@@ -241,18 +242,19 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, ConflictMessageTest,
     ::testing::Values(
         ConflictCase{
-            "w", Config(10, keepLastEntries), Config(5, keepLastEntries),
+            "Size", "w", Config(10, keepLastEntries), Config(5, keepLastEntries),
             "Reinstantiating the entity with name 'w' where constructor parameter attribute "
             "_config has a different value of Value('KronlogWriter::Config', ** {'size': 5, "
             "'overflowAction': keepLastEntries}) than the current value of "
             "Value('KronlogWriter::Config', ** {'size': 10, 'overflowAction': keepLastEntries}) "
             "not allowed"},
         ConflictCase{
-            "it's", Config(1, keepFirstEntries), Config(2, keepFirstEntries),
+            "QuotedName", "it's", Config(1, keepFirstEntries), Config(2, keepFirstEntries),
             "Reinstantiating the entity with name 'it\\'s' where constructor parameter attribute "
             "_config has a different value of Value('KronlogWriter::Config', ** {'size': 2, "
             "'overflowAction': keepFirstEntries}) than the current value of "
             "Value('KronlogWriter::Config', ** {'size': 1, 'overflowAction': keepFirstEntries}) "
-            "not allowed"}));
+            "not allowed"}),
+    [](const ::testing::TestParamInfo<ConflictCase>& p) { return std::string(p.param.what); });
 
 }  // namespace
