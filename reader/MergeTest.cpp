@@ -65,12 +65,6 @@ TEST_F(MergeTest, LogThatStepsBackMidMergeIsMergedByItsRuns) {
   EXPECT_EQ(indexes(), (std::vector<unsigned int>{0, 1, 2, 3, 4}));  // nothing of the first pass
 }
 
-TEST_F(MergeTest, EqualTimestampsAcrossRunsOfOneLogKeepLogOrder) {
-  writer("A", "g", {{2, "first"}, {1, "x"}, {2, "second"}});
-  read();
-  EXPECT_EQ(merged(), (Timed{{1, "x"}, {2, "first"}, {2, "second"}}));
-}
-
 TEST_F(MergeTest, EntriesOutsideTheWindowDoNotSplitARun) {
   config_->minTimestampIs(2);
   writer("A", "g", {{2, "a"}, {0, "old"}, {3, "b"}});

@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <regex>
 #include <string>
-#include <tuple>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "kronlog/KronlogReader.h"
@@ -35,7 +37,7 @@ class ConfigTest : public ::testing::Test {
  protected:
   std::vector<std::string> dirNames() const {
     std::vector<std::string> names;
-    for (Config::DirIterator it = config_->dirIter(); it; ++it) {
+    for (Config::DirIteratorConst it = config_->dirIterConst(); it; ++it) {
       names.push_back(it.value()->name().stdString());
     }
     std::sort(names.begin(), names.end());
@@ -115,123 +117,96 @@ TEST_F(ConfigTest, DirDelAllRemovesEveryMember) {
   EXPECT_EQ(config_->notified, (std::vector<std::string>{"a", "b", "c", "d"}));
 }
 
-// ---- Status
+// Const iterators and range-for over const maps hand out const values.
+static_assert(std::is_same_v<decltype(*std::declval<Config::DirIteratorConst>()), const Qel::Dir&>);
+static_assert(
+    std::is_same_v<decltype(*std::declval<const Config::DirMap&>().begin()), const Qel::Dir&>);
+static_assert(
+    std::is_same_v<decltype(*std::declval<Qel::Dir::EntityIteratorConst>()), const Qel::Entity&>);
+static_assert(std::is_same_v<decltype(*std::declval<const Qel::Dir&>().entityMap().begin()),
+                             const Qel::Entity&>);
 
-// Records the indices its log reports as changed.
-class RecordingStatus : public Status {
- public:
-  void logNotify(unsigned int index) override { notified.push_back(index); }
-  std::vector<unsigned int> notified;
+TEST_F(ConfigTest, RangeForVisitsEveryDirectoryAndEveryEntityOfIt) {
+  Qel::Dir::Ptr agents = Qel::dirFactory("agents");
+  for (const char* name : {"x", "y"}) agents->entityIs(Qel::dirFactory(name));
+  config_->dirIs(agents);
+  config_->dirIs(Qel::dirFactory("empty"));
+  std::vector<std::string> seen;
+  for (const Qel::Dir& d : config_->dirMap()) {
+    for (const Qel::Entity& e : d.entityMap())
+      seen.push_back(d.name().stdString() + "/" + e.name().stdString());
+  }
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(seen, (std::vector<std::string>{"agents/x", "agents/y"}));
+}
+
+// ---- Status: what differs from the log accessors every owner shares
+// (those are tested over both owners in LogAttributeTest.cpp)
+
+// logIs on a status holding a, b, c at indices 0, 1, 2.
+struct StatusLogIsCase {
+  const char* name;
+  unsigned index;
+  const char* message;  // null hands logIs a null entry; "b" the entry already at 1
+  std::vector<std::string> after;
+  std::vector<unsigned> notified;
+  std::uint32_t versionDelta;
 };
 
-class StatusLogTest : public ::testing::Test {
+class StatusLogIsTest : public ::testing::TestWithParam<StatusLogIsCase> {
  protected:
-  static LogEntry::Ptr entry(const char* message) {
-    return KronlogReader::logEntryFactory("agent", "group", 1.0, message);
-  }
-  // (index, message) of every entry, oldest first.
-  std::vector<std::tuple<unsigned int, std::string>> statusRows() const {
-    std::vector<std::tuple<unsigned int, std::string>> rows;
-    for (Status::LogIteratorConst it = status_->logIterConst(); it; ++it) {
-      rows.emplace_back(it.index(), it->value()->message().stdString());
-    }
-    return rows;
-  }
-  void fill(std::initializer_list<const char*> messages) {
-    for (const char* m : messages) status_->logEnq(entry(m));
+  struct Heard : Status {
+    void logNotify(unsigned int index) override { notified.push_back(index); }
+    std::vector<unsigned> notified;
+  };
+  StatusLogIsTest() {
+    for (const char* m : {"a", "b", "c"}) status_->logEnq(entry(m));
     status_->notified.clear();
   }
-
-  Qel::Ptr<RecordingStatus> status_ = new RecordingStatus;
+  static LogEntry::Ptr entry(const char* m) {
+    return KronlogReader::logEntryFactory("agent", "group", 1.0, m);
+  }
+  std::vector<std::string> rows() const {
+    std::vector<std::string> out;
+    for (const auto& m : status_->logQueue()) {
+      out.push_back(std::to_string(m.index()) + m.value()->message().stdString());
+    }
+    return out;
+  }
+  Qel::Ptr<Heard> status_ = new Heard;
 };
 
-using Rows = std::vector<std::tuple<unsigned int, std::string>>;
-
-TEST_F(StatusLogTest, LogEnqTakesIndicesZeroOneTwoAndAbsentIndicesAreNull) {
-  LogEntry::Ptr a = entry("a"), b = entry("b"), c = entry("c");
-  for (const LogEntry::Ptr& e : {a, b, c}) status_->logEnq(e);
-  EXPECT_EQ(statusRows(), (Rows{{0, "a"}, {1, "b"}, {2, "c"}}));
-  EXPECT_EQ(status_->log(1), b);
-  EXPECT_EQ((*status_)[2], c);
-  EXPECT_EQ(status_->log(3), nullptr);
-  EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 3));
-  EXPECT_EQ(status_->notified, (std::vector<unsigned int>{0, 1, 2}));
+TEST_P(StatusLogIsTest, InsertsReplacesInPlaceOrRemoves) {
+  const StatusLogIsCase& c = GetParam();
+  const std::uint32_t version = status_->logQueue().version();
+  LogEntry::Ptr e = !c.message                      ? nullptr
+                    : std::string(c.message) == "b" ? status_->log(1)
+                                                    : entry(c.message);
+  status_->logIs(c.index, e);
+  EXPECT_EQ(rows(), c.after);
+  EXPECT_EQ(status_->notified, c.notified);
+  EXPECT_EQ(status_->logQueue().version() - version, c.versionDelta);  // in place: unchanged
+  EXPECT_EQ(status_->log(c.index), e);
 }
 
-TEST_F(StatusLogTest, LogDeqReturnsOldestAndIndicesAreNotReused) {
-  fill({"a", "b"});
-  EXPECT_EQ(status_->logDeq()->message(), "a");
-  status_->logEnq(entry("c"));
-  EXPECT_EQ(statusRows(), (Rows{{1, "b"}, {2, "c"}}));
-  status_->logDeq();
-  status_->logDeq();
-  status_->logEnq(entry("d"));
-  EXPECT_EQ(statusRows(), (Rows{{3, "d"}}));
-  EXPECT_EQ(status_->notified, (std::vector<unsigned int>{0, 2, 1, 2, 3}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Cases, StatusLogIsTest,
+    ::testing::Values(
+        StatusLogIsCase{"AbsentInserts", 5, "f", {"0a", "1b", "2c", "5f"}, {5}, 1},
+        StatusLogIsCase{"PresentIsReplaced", 1, "B", {"0a", "1B", "2c"}, {1}, 0},
+        StatusLogIsCase{"EqualButDistinctReplaces", 0, "a", {"0a", "1b", "2c"}, {0}, 0},
+        StatusLogIsCase{"SamePointerChangesNothing", 1, "b", {"0a", "1b", "2c"}, {}, 0},
+        StatusLogIsCase{"NullRemoves", 1, nullptr, {"0a", "2c"}, {1}, 1},
+        StatusLogIsCase{"NullAtAbsentIsANoOp", 7, nullptr, {"0a", "1b", "2c"}, {}, 0}),
+    [](const ::testing::TestParamInfo<StatusLogIsCase>& p) { return std::string(p.param.name); });
 
-TEST_F(StatusLogTest, LogDeqOnEmptyReturnsNullAndNotifiesNothing) {
-  EXPECT_EQ(status_->logDeq(), nullptr);
-  EXPECT_TRUE(status_->notified.empty());
-}
-
-TEST_F(StatusLogTest, LogIsAtAbsentIndexInserts) {
-  fill({"a"});
-  status_->logIs(5, entry("five"));
-  status_->logEnq(entry("next"));
-  EXPECT_EQ(statusRows(), (Rows{{0, "a"}, {5, "five"}, {6, "next"}}));
-  EXPECT_EQ(status_->notified, (std::vector<unsigned int>{5, 6}));
-}
-
-TEST_F(StatusLogTest, LogIsAtPresentIndexReplacesInPlace) {
-  fill({"a", "b", "c"});
-  LogEntry::Ptr replacement = entry("B");
-  status_->logIs(1, replacement);
-  EXPECT_EQ(statusRows(), (Rows{{0, "a"}, {1, "B"}, {2, "c"}}));
-  EXPECT_EQ(status_->log(1), replacement);
-  EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 3));
-  EXPECT_EQ(status_->notified, std::vector<unsigned int>{1});
-}
-
-TEST_F(StatusLogTest, LogIsNullRemovesEntryAndIgnoresAbsentIndex) {
-  fill({"a", "b", "c"});
-  status_->logIs(1, nullptr);
-  status_->logIs(7, nullptr);
-  EXPECT_EQ(statusRows(), (Rows{{0, "a"}, {2, "c"}}));
-  EXPECT_EQ(status_->notified, std::vector<unsigned int>{1});
-}
-
-TEST_F(StatusLogTest, LogIsWithSamePointerIsNoOpButEqualDistinctEntryReplaces) {
-  fill({"a", "b"});
-  status_->logIs(1, status_->log(1));
-  EXPECT_TRUE(status_->notified.empty());
-  LogEntry::Ptr twin = entry("a");
-  status_->logIs(0, twin);
-  EXPECT_EQ(status_->log(0), twin);
-  EXPECT_EQ(status_->notified, std::vector<unsigned int>{0});
-}
-
-TEST_F(StatusLogTest, LogDelByIndexReturnsEntryOrNullWhenAbsent) {
-  fill({"a", "b", "c"});
-  EXPECT_EQ(status_->logDel(1)->message(), "b");
-  EXPECT_EQ(status_->logDel(4), nullptr);
-  EXPECT_EQ(statusRows(), (Rows{{0, "a"}, {2, "c"}}));
-  EXPECT_EQ(status_->notified, std::vector<unsigned int>{1});
-}
-
-TEST_F(StatusLogTest, LogDelAllRemovesEveryEntryNotifyingEach) {
-  fill({"a", "b", "c"});
-  status_->logDelAll();
-  EXPECT_EQ(status_->logs(), 0u);
-  EXPECT_EQ(status_->notified, (std::vector<unsigned int>{0, 1, 2}));
-}
-
-TEST_F(StatusLogTest, LogMetadataIsSetsHeadAndNextIndex) {
-  status_->logMetadataIs(Status::LogMetadata(7, 7));
-  EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(7, 7));
-  status_->logEnq(entry("a"));
-  EXPECT_EQ(statusRows(), (Rows{{7, "a"}}));
-  EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(7, 8));
+TEST(StatusTest, LogMetadataIsSetsHeadAndNextIndex) {
+  Status::Ptr status = KronlogReader::statusFactory();
+  status->logMetadataIs(Status::LogMetadata(7, 7));
+  EXPECT_EQ(status->logMetadata(), Status::LogMetadata(7, 7));
+  status->logEnq(KronlogReader::logEntryFactory("agent", "group", 1.0, "a"));
+  EXPECT_EQ(status->log(7)->message(), "a");
+  EXPECT_EQ(status->logMetadata(), Status::LogMetadata(7, 8));
 }
 
 // ---- Reader

@@ -1,17 +1,19 @@
 // Tests of the writer directory: get-or-create with its refusal of a
 // conflicting configuration, removal with its notifications and parent
-// links, renaming from a backup, and what a dropped directory releases.
+// links, renaming from a backup, const iteration, and what a dropped
+// directory releases.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "kronlog/KronlogWriter.h"
 #include "qel/Allocator.h"
 #include "qel/Exception.h"
-#include "qel/Type.h"
 
 namespace {
 
@@ -21,6 +23,13 @@ using KronlogWriter::keepLastEntries;
 using KronlogWriter::Writer;
 using KronlogWriter::WriterDir;
 using Strings = std::vector<std::string>;
+
+// Const iterators and range-for over a const map hand out const writers.
+static_assert(
+    std::is_same_v<decltype(*std::declval<WriterDir::WriterIteratorConst>()), const Writer&>);
+static_assert(
+    std::is_same_v<decltype(*std::declval<const WriterDir::WriterMap&>().begin()), const Writer&>);
+static_assert(std::is_same_v<decltype(*std::declval<WriterDir::WriterIterator>()), Writer&>);
 
 // Hears a directory's onWriter notifications, in order.
 class DirRecorder : public WriterDir::Notifiee {
@@ -50,7 +59,7 @@ class WriterDirTest : public ::testing::Test {
 
   Strings heard() const { return heard_.heard; }
 
-  Strings sorted(Strings s) const {
+  static Strings sorted(Strings s) {
     std::sort(s.begin(), s.end());
     return s;
   }
@@ -59,11 +68,9 @@ class WriterDirTest : public ::testing::Test {
   DirRecorder heard_;
 };
 
-// ---- writerIs
+// ---- writerIs and newWriter
 
-class WriterIsTest : public WriterDirTest {};
-
-TEST_F(WriterIsTest, SameNameAndConfigReturnsTheSameWriterUntouchedAndNotifiesOnce) {
+TEST_F(WriterDirTest, SameNameAndConfigReturnsTheSameWriterUntouchedAndNotifiesOnce) {
   Writer::Ptr first = busy("w", Config(10, keepLastEntries));
   Writer::Ptr second = add("w", Config(10, keepLastEntries));
   EXPECT_EQ(first, second);
@@ -73,19 +80,31 @@ TEST_F(WriterIsTest, SameNameAndConfigReturnsTheSameWriterUntouchedAndNotifiesOn
   EXPECT_EQ(heard(), (Strings{"w"}));
 }
 
-TEST_F(WriterIsTest, NewWriterHasTheConfigTheDirectoryAsParentAndIsFoundByExactName) {
-  Writer::Ptr w = add("w", Config(4, keepFirstEntries));
+// writerIs notifies the new name; newWriter, the raw step, does not.
+class CreateTest
+    : public WriterDirTest,
+      public ::testing::WithParamInterface<
+          std::pair<bool, Writer::Ptr (WriterDir::*)(const Qel::Name&, const Config&)>> {};
+
+TEST_P(CreateTest, NewWriterHasTheConfigTheDirectoryAsParentAndIsFoundByExactName) {
+  Writer::Ptr w = ((*dir_).*GetParam().second)("w", Config(4, keepFirstEntries));
   EXPECT_EQ(dir_->writer("w"), w);
   EXPECT_FALSE(dir_->writer("W"));
   EXPECT_EQ(w->config(), Config(4, keepFirstEntries));
   EXPECT_EQ(w->parent(), dir_.ptr());
   EXPECT_EQ(w->parentAttr(), "writer");
+  EXPECT_EQ(heard(), GetParam().first ? Strings{"w"} : Strings{});
 }
 
-TEST_F(WriterIsTest, ConflictLeavesWriterAndDirectoryAsTheyWere) {
+INSTANTIATE_TEST_SUITE_P(Ops, CreateTest,
+                         ::testing::Values(std::make_pair(true, &WriterDir::writerIs),
+                                           std::make_pair(false, &WriterDir::newWriter)));
+
+TEST_F(WriterDirTest, ConflictLeavesWriterAndDirectoryAsTheyWere) {
   Writer::Ptr w = busy("w", Config(10, keepLastEntries));
   EXPECT_THROW(add("w", Config(5, keepLastEntries)), Qel::NameInUseException);
   EXPECT_THROW(add("w", Config(10, keepFirstEntries)), Qel::NameInUseException);
+  EXPECT_THROW(dir_->newWriter("w", Config(10, keepLastEntries)), Qel::NameInUseException);
   EXPECT_EQ(dir_->writer("w"), w);
   EXPECT_EQ(w->config(), Config(10, keepLastEntries));
   EXPECT_EQ(w->logs(), 2u);
@@ -93,31 +112,9 @@ TEST_F(WriterIsTest, ConflictLeavesWriterAndDirectoryAsTheyWere) {
   EXPECT_EQ(heard(), (Strings{"w"}));
 }
 
-// ---- newWriter
-
-class NewWriterTest : public WriterDirTest {};
-
-TEST_F(NewWriterTest, CreatesAndLinksWithoutNotifying) {
-  Writer::Ptr w = dir_->newWriter("w", Config(3, keepLastEntries));
-  EXPECT_EQ(dir_->writer("w"), w);
-  EXPECT_EQ(w->parent(), dir_.ptr());
-  EXPECT_EQ(w->parentAttr(), "writer");
-  EXPECT_TRUE(heard().empty());
-}
-
-TEST_F(NewWriterTest, TakenNameIsRefusedAndTheFirstWriterStays) {
-  Writer::Ptr w = busy("w", Config(10, keepLastEntries));
-  EXPECT_THROW(dir_->newWriter("w", Config(10, keepLastEntries)), Qel::NameInUseException);
-  EXPECT_EQ(dir_->writer("w"), w);
-  EXPECT_EQ(w->logs(), 2u);
-  EXPECT_EQ(dir_->writers(), 1u);
-}
-
 // ---- writerDel and writerDelAll
 
-class WriterDelTest : public WriterDirTest {};
-
-TEST_F(WriterDelTest, AbsentNameReturnsNullAndIsSilent) {
+TEST_F(WriterDirTest, DelOfAbsentNameReturnsNullAndIsSilent) {
   EXPECT_FALSE(dir_->writerDel("a"));
   dir_->writerDelAll();
   add("a");
@@ -126,7 +123,7 @@ TEST_F(WriterDelTest, AbsentNameReturnsNullAndIsSilent) {
   EXPECT_EQ(heard(), (Strings{"a"}));
 }
 
-TEST_F(WriterDelTest, RemovesReturnsUnparentsAndNotifiesKeepingTheWritersState) {
+TEST_F(WriterDirTest, DelRemovesReturnsUnparentsAndNotifiesKeepingTheWritersState) {
   Writer::Ptr w = busy("w", Config(10, keepLastEntries));
   EXPECT_EQ(dir_->writerDel("w"), w);
   EXPECT_FALSE(dir_->writer("w"));
@@ -135,80 +132,63 @@ TEST_F(WriterDelTest, RemovesReturnsUnparentsAndNotifiesKeepingTheWritersState) 
   EXPECT_EQ(heard(), (Strings{"w", "w"}));
 }
 
-TEST_F(WriterDelTest, DelAllOnThreeWritersNotifiesEachNameOnceAndEmpties) {
+TEST_F(WriterDirTest, DelAllOnThreeWritersNotifiesEachNameOnceAndEmpties) {
   Writer::Ptr a = add("a"), b = add("b"), c = add("c");
   dir_->writerDelAll();
   const Strings h = heard();
   ASSERT_EQ(h.size(), 6u);
   EXPECT_EQ(sorted(Strings(h.begin() + 3, h.end())), (Strings{"a", "b", "c"}));
   EXPECT_EQ(dir_->writers(), 0u);
-  EXPECT_FALSE(dir_->writerIter());
   EXPECT_TRUE(!a->parent() && !b->parent() && !c->parent());
 }
 
-TEST_F(WriterDelTest, DelByIteratorRemovesTheWriterUnderIt) {
+TEST_F(WriterDirTest, DelByIteratorRemovesTheWriterUnderItAndNothingAtTheEnd) {
   add("a");
   add("b");
   WriterDir::WriterIterator it = dir_->writerIter();
   const std::string under = it->name().stdString();
   EXPECT_EQ(dir_->writerDel(it)->name(), under);
-  EXPECT_FALSE(dir_->writer(under));
-  EXPECT_EQ(dir_->writers(), 1u);
   EXPECT_EQ(heard().back(), under);
-  WriterDir::WriterIterator end = dir_->writerIter();
-  while (end) ++end;
-  EXPECT_FALSE(dir_->writerDel(end));
+  while (it) ++it;
+  EXPECT_FALSE(dir_->writerDel(it));
   EXPECT_EQ(dir_->writers(), 1u);
 }
 
-TEST_F(WriterDelTest, IterationSurvivesDeletingEachWriterUnderIt) {
-  const Strings names{"a", "b", "c", "d", "e", "f", "g", "h", "i", "j"};
-  for (const std::string& n : names) add(n.c_str());
-  Strings visited;
-  for (WriterDir::WriterIterator it = dir_->writerIter(); it; ++it) {
-    visited.push_back(it->name().stdString());
-    dir_->writerDel(it);
-  }
-  EXPECT_EQ(sorted(visited), names);
-  EXPECT_EQ(dir_->writers(), 0u);
+// ---- Iteration over a const directory
+
+TEST_F(WriterDirTest, RangeForAndConstIteratorVisitEveryWriterOnce) {
+  for (const char* n : {"a", "b", "c"}) add(n);
+  const WriterDir& d = *dir_;
+  Strings ranged, iterated;
+  for (const Writer& w : d.writerMap()) ranged.push_back(w.name().stdString());
+  for (auto it = d.writerIterConst(); it; ++it) iterated.push_back(it->name().stdString());
+  EXPECT_EQ(sorted(ranged), (Strings{"a", "b", "c"}));
+  EXPECT_EQ(iterated, ranged);
 }
 
 // ---- nameIsFromBackup
 
-class NameFromBackupTest : public WriterDirTest {};
-
-TEST_F(NameFromBackupTest, RenamedWriterIsStillFoundAndRemovedUnderItsKey) {
-  Writer::Ptr w = add("w");
+TEST_F(WriterDirTest, RenamedWriterIsStillFoundAndRemovedUnderItsKey) {
+  Writer::Ptr w = add("w"), x = add("x");
   w->nameIsFromBackup("v");
   EXPECT_EQ(w->name(), "v");
-  EXPECT_EQ(heard(), (Strings{"w"}));
+  EXPECT_EQ(heard(), (Strings{"w", "x"}));
   EXPECT_EQ(dir_->writer("w"), w);
   EXPECT_EQ(dir_->writer("v"), nullptr);
-  EXPECT_EQ(dir_->writerDel("w"), w);
-  EXPECT_EQ(w->parent(), nullptr);
+  dir_->writerDelAll();
+  EXPECT_TRUE(dir_->writers() == 0 && !w->parent() && !x->parent());
 }
 
-TEST_F(NameFromBackupTest, RenamingOneWriterDoesNotHideTheOthers) {
+TEST_F(WriterDirTest, RenamingOneWriterDoesNotHideTheOthers) {
   std::vector<Writer::Ptr> all;
   for (int k = 0; k < 64; ++k) all.push_back(add("w" + std::to_string(k)));
   for (int k = 0; k < 64; k += 2) all[k]->nameIsFromBackup("zz" + std::to_string(k));
   for (int k = 0; k < 64; ++k) EXPECT_EQ(dir_->writer("w" + std::to_string(k)), all[k]) << k;
 }
 
-TEST_F(NameFromBackupTest, DeleteAllRemovesRenamedWriters) {
-  Writer::Ptr w = add("w");
-  add("x");
-  w->nameIsFromBackup("v");
-  dir_->writerDelAll();
-  EXPECT_EQ(dir_->writers(), 0u);
-  EXPECT_EQ(w->parent(), nullptr);
-}
-
 // ---- Lifetimes
 
-class WriterDirLifetimeTest : public ::testing::Test {};
-
-TEST_F(WriterDirLifetimeTest, RemovedWritersAndDroppedDirectoriesAreReleased) {
+TEST(WriterDirLifetimeTest, RemovedWritersAndDroppedDirectoriesAreReleased) {
   const std::uint64_t writers = Qel::liveObjects("KronlogWriter::Writer");
   const std::uint64_t nodes = Qel::liveObjects("KronlogWriter::Writer::QelLog");
   const std::uint64_t dirs = Qel::liveObjects("KronlogWriter::WriterDir");
@@ -223,7 +203,7 @@ TEST_F(WriterDirLifetimeTest, RemovedWritersAndDroppedDirectoriesAreReleased) {
   EXPECT_EQ(Qel::liveObjects("KronlogWriter::WriterDir"), dirs);
 }
 
-TEST_F(WriterDirLifetimeTest, WriterHeldElsewhereOutlivesItsDirectoryUnparented) {
+TEST(WriterDirLifetimeTest, WriterHeldElsewhereOutlivesItsDirectoryUnparented) {
   Writer::Ptr kept;
   {
     WriterDir::Ptr d = KronlogWriter::writerDirFactory("d");
@@ -234,38 +214,47 @@ TEST_F(WriterDirLifetimeTest, WriterHeldElsewhereOutlivesItsDirectoryUnparented)
   EXPECT_EQ(kept->logs(), 1u);
 }
 
-// ---- Error paths with their messages
+// ---- The name-in-use message: requested configuration first, current
+// second, the name in its quoted text form.
 
-class WriterDirErrorTest : public WriterDirTest {
- protected:
-  std::string conflictOf(const char* name, const Config& config) {
-    try {
-      add(name, config);
-    } catch (const Qel::NameInUseException& e) {
-      return e.what();
-    }
-    return "<no NameInUseException>";
-  }
+struct ConflictCase {
+  const char* what;
+  const char* name;
+  Config current;
+  Config requested;
+  const char* message;
 };
 
-TEST_F(WriterDirErrorTest, ConflictingSizeNamesRequestedThenCurrentConfig) {
-  add("w", Config(10, keepLastEntries));
-  EXPECT_EQ(conflictOf("w", Config(5, keepLastEntries)),
+class ConflictMessageTest : public WriterDirTest,
+                            public ::testing::WithParamInterface<ConflictCase> {};
+
+TEST_P(ConflictMessageTest, NamesRequestedThenCurrentConfig) {
+  add(GetParam().name, GetParam().current);
+  try {
+    add(GetParam().name, GetParam().requested);
+    FAIL() << "no NameInUseException";
+  } catch (const Qel::NameInUseException& e) {
+    EXPECT_STREQ(e.what(), GetParam().message);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ConflictMessageTest,
+    ::testing::Values(
+        ConflictCase{
+            "Size", "w", Config(10, keepLastEntries), Config(5, keepLastEntries),
             "Reinstantiating the entity with name 'w' where constructor parameter attribute "
             "_config has a different value of Value('KronlogWriter::Config', ** {'size': 5, "
             "'overflowAction': keepLastEntries}) than the current value of "
             "Value('KronlogWriter::Config', ** {'size': 10, 'overflowAction': keepLastEntries}) "
-            "not allowed");
-}
-
-TEST_F(WriterDirErrorTest, ConflictQuotesTheNameInItsTextForm) {
-  add("it's", Config(1, keepFirstEntries));
-  EXPECT_EQ(conflictOf("it's", Config(2, keepFirstEntries)),
+            "not allowed"},
+        ConflictCase{
+            "QuotedName", "it's", Config(1, keepFirstEntries), Config(2, keepFirstEntries),
             "Reinstantiating the entity with name 'it\\'s' where constructor parameter attribute "
             "_config has a different value of Value('KronlogWriter::Config', ** {'size': 2, "
             "'overflowAction': keepFirstEntries}) than the current value of "
             "Value('KronlogWriter::Config', ** {'size': 1, 'overflowAction': keepFirstEntries}) "
-            "not allowed");
-}
+            "not allowed"}),
+    [](const ::testing::TestParamInfo<ConflictCase>& p) { return std::string(p.param.what); });
 
 }  // namespace
