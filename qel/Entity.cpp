@@ -29,6 +29,16 @@ void Entity::nameIsFromBackup(const Name& name) {
   name_ = name;
 }
 
+void Entity::readOnlyIs(const String& peerName) {
+  readOnly_ = true;
+  readOnlyPeerName_ = peerName;
+}
+
+void Entity::readOnlyViolation() const {
+  throw ReadOnlyException(String("entity is a read-only copy: " + fullName().stdString() +
+                                 " peerName: " + readOnlyPeerName_.stdString()));
+}
+
 String Entity::fullName() const {
   std::string path;
   for (const Entity* e = this; e; e = e->parent_) path.insert(0, "/" + e->name_.stdString());
