@@ -4,8 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "qel/Exception.h"
@@ -83,9 +85,8 @@ void Connection::close(const String& reason) {
   transactions_.clear();
   // Adapters may hold the last references to entities whose destructors
   // reach back into the connection; detach them all first.
-  auto adapters = std::move(adapters_);
-  adapters_.clear();
-  for (auto& [id, a] : adapters) adapterRelease(a.ptr());
+  std::vector<StreamAdapter::Ptr> adapters = adapters_.takeAll();
+  for (auto& a : adapters) adapterRelease(a.ptr());
   adapters.clear();
   if (self) notifiees_.visitAs<Notifiee>([](Notifiee* n) { n->onClose(); });
 }
@@ -118,6 +119,10 @@ void Connection::recordEnd() {
 }
 
 void Connection::flush() {
+  // Once the socket has refused bytes, only its writability (onReady)
+  // makes trying again worthwhile: a send per record would be a wasted
+  // system call each.
+  if (writeBlocked_) return;
   while (fd_ >= 0 && out_->size() > 0 && !out_->frameOpen()) {
     ssize_t n = ::send(fd_, out_->data(), out_->size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
@@ -125,7 +130,10 @@ void Connection::flush() {
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      writeBlocked_ = true;
+      return;
+    }
     fail(bytesIn(), String(std::string("send failed: ") + std::strerror(errno)));
     return;
   }
@@ -187,7 +195,7 @@ Connection::EntityId Connection::adapterIs(const StreamAdapter::Ptr& adapter) {
   if (nextId_ == 0) throw RangeException("stream entity identifiers exhausted");
   EntityId id = nextId_++;
   adapter->id_ = id;
-  adapters_[id] = adapter;
+  adapters_.insert(id, adapter);
   Entity* e = adapter->entity();
   NboAttrLog::Out& out = recordBegin(RecordKind::create, 0, id);
   out.string(String(adapter->typeName()));
@@ -199,10 +207,8 @@ Connection::EntityId Connection::adapterIs(const StreamAdapter::Ptr& adapter) {
 }
 
 void Connection::adapterDel(EntityId id) {
-  auto it = adapters_.find(id);
-  if (it == adapters_.end()) return;
-  StreamAdapter::Ptr a = it->second;
-  adapters_.erase(it);
+  StreamAdapter::Ptr a = adapters_.erase(id);
+  if (!a) return;
   adapterRelease(a.ptr());
   if (fd_ >= 0) {
     out_->frameBegin(static_cast<std::uint8_t>(RecordKind::entityDel), 0, id);
@@ -212,8 +218,7 @@ void Connection::adapterDel(EntityId id) {
 }
 
 StreamAdapter* Connection::adapter(EntityId id) const {
-  auto it = adapters_.find(id);
-  return it == adapters_.end() ? nullptr : it->second.ptr();
+  return adapters_.find(id);
 }
 
 // ---- Liveness
@@ -259,6 +264,7 @@ void Connection::onReady(std::uint32_t events) {
   Ptr self(this);
   if (events & (EventLoop::kReadable | EventLoop::kHangup)) readAvailable();
   if (fd_ >= 0 && (events & EventLoop::kWritable)) {
+    writeBlocked_ = false;
     flush();
     try {
       pump();
@@ -275,19 +281,25 @@ std::size_t Connection::inRoom() {
   // A nested round (a handler that runs the loop while a record is being
   // applied) must not move the bytes the outer round is reading, so it
   // only uses room that is already there.
-  if (parsing_) return in_.capacity() - in_.size();
-  if (in_.capacity() < in_.size() + kReadChunk) in_.reserve(in_.size() + kReadChunk);
-  return kReadChunk;
+  if (!parsing_ && inCap_ - inSize_ < kReadChunk) {
+    // Outside a parse the buffer holds at most one partial frame, so this
+    // stays within kMaxInBytes.
+    std::size_t cap = std::min(std::max(inCap_ * 2, inSize_ + kReadChunk), kMaxInBytes);
+    // Not zero-filled: reads overwrite it.
+    std::unique_ptr<char[]> grown(new char[cap]);
+    if (inSize_ > 0) std::memcpy(grown.get(), in_.get(), inSize_);
+    in_ = std::move(grown);
+    inCap_ = cap;
+  }
+  std::size_t room = inCap_ - inSize_;
+  return room < kReadChunk ? room : kReadChunk;
 }
 
 void Connection::readAvailable() {
   for (int i = 0; i < kReadsPerRound && fd_ >= 0; ++i) {
     std::size_t room = inRoom();
     if (room == 0) return;
-    std::size_t old = in_.size();
-    in_.resize(old + room);
-    ssize_t n = ::read(fd_, &in_[old], room);
-    in_.resize(old + (n > 0 ? static_cast<std::size_t>(n) : 0));
+    ssize_t n = ::read(fd_, in_.get() + inSize_, room);
     if (n == 0) {
       close(String("peer closed the connection"));
       return;
@@ -298,8 +310,10 @@ void Connection::readAvailable() {
       fail(bytesIn(), String(std::string("read failed: ") + std::strerror(errno)));
       return;
     }
+    inSize_ += static_cast<std::size_t>(n);
     lastIn_ = EventLoop::monotonicNow();
     parse();
+    if (static_cast<std::size_t>(n) < room) return;  // drained: no need to ask again
   }
 }
 
@@ -309,7 +323,8 @@ void Connection::bytesReceived(const char* data, std::size_t size) {
     std::size_t room = inRoom();
     if (room == 0) return;
     std::size_t n = size < room ? size : room;
-    in_.append(data, n);
+    std::memcpy(in_.get() + inSize_, data, n);
+    inSize_ += n;
     data += n;
     size -= n;
     lastIn_ = EventLoop::monotonicNow();
@@ -326,14 +341,14 @@ void Connection::parse() {
     std::uint64_t at = inBase_ + inHead_;
     std::size_t n;
     try {
-      n = NboAttrLog::frameAt(in_.data() + inHead_, in_.size() - inHead_, at, &h);
+      n = NboAttrLog::frameAt(in_.get() + inHead_, inSize_ - inHead_, at, &h);
     } catch (const FormatException& e) {
       fail(e.offset(), e.reason());
       break;
     }
     if (n == 0) break;
     // Consumed before dispatch: a nested round continues after this frame.
-    const char* payload = in_.data() + inHead_ + NboAttrLog::kHeaderBytes;
+    const char* payload = in_.get() + inHead_ + NboAttrLog::kHeaderBytes;
     inHead_ += n;
     ++recordsIn_;
     In in(payload, h.payloadBytes(), at + NboAttrLog::kHeaderBytes);
@@ -349,26 +364,24 @@ void Connection::parse() {
   }
   if (!outer) return;
   parsing_ = false;
-  if (inHead_ == in_.size()) {
-    inBase_ += inHead_;
-    in_.clear();
-    inHead_ = 0;
-    // A buffer grown for one large frame is given back.
-    if (in_.capacity() > 4 * kReadChunk) std::string().swap(in_);
-  } else if (inHead_ > 0) {
-    inBase_ += inHead_;
-    in_.erase(0, inHead_);
-    inHead_ = 0;
+  inBase_ += inHead_;
+  if (inHead_ < inSize_) std::memmove(in_.get(), in_.get() + inHead_, inSize_ - inHead_);
+  inSize_ -= inHead_;
+  inHead_ = 0;
+  // A buffer grown for one large frame is given back once it is empty.
+  if (inSize_ == 0 && inCap_ > 4 * kReadChunk) {
+    in_.reset();
+    inCap_ = 0;
   }
 }
 
 StreamAdapter* Connection::target(const FrameHeader& h, In& in) {
-  auto it = adapters_.find(h.entity);
-  if (it == adapters_.end()) {
+  StreamAdapter* a = adapters_.find(h.entity);
+  if (!a) {
     throw FormatException(in.offset() - NboAttrLog::kHeaderBytes + 8,
                           String("unknown entity identifier " + std::to_string(h.entity)));
   }
-  return it->second.ptr();
+  return a;
 }
 
 void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
@@ -460,7 +473,7 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
     }
     case RecordKind::entityDel:
       in.endExpect();
-      adapters_.erase(h.entity);
+      adapters_.erase(h.entity);  // `a` holds it until the end
       adapterRelease(a.ptr());
       a->handleEntityDel();
       return;
@@ -470,7 +483,7 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
 }
 
 void Connection::applyCreate(const FrameHeader& h, In& in) {
-  if (h.entity == NboAttrLog::kNoEntity || adapters_.count(h.entity)) {
+  if (h.entity == NboAttrLog::kNoEntity || adapters_.find(h.entity)) {
     throw FormatException(in.offset() - 4,
                           String("entity identifier " + std::to_string(h.entity) + " is not free"));
   }
@@ -487,7 +500,7 @@ void Connection::applyCreate(const FrameHeader& h, In& in) {
     throw InternalException(String("factory of " + typeName.stdString() + " made no adapter"));
   }
   a->id_ = h.entity;
-  adapters_[h.entity] = a;
+  adapters_.insert(h.entity, a);
 }
 
 }  // namespace Qel

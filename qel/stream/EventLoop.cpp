@@ -129,9 +129,12 @@ void EventLoop::timerDel(TimerId id) {
 }
 
 void EventLoop::timerArm() {
+  // One system call only when the earliest deadline changes, not per round.
+  Seconds deadline = timers_.empty() ? -1 : timers_.begin()->first.first;
+  if (deadline == armed_) return;
+  armed_ = deadline;
   itimerspec spec{};
   if (!timers_.empty()) {
-    Seconds deadline = timers_.begin()->first.first;
     // An all-zero value would disarm the timer; a deadline in the past
     // must fire at once, so it is clamped to the smallest positive time.
     if (deadline < 1e-9) deadline = 1e-9;
@@ -201,6 +204,10 @@ unsigned EventLoop::runOnce(Seconds timeout) {
     std::uint64_t expirations;
     while (::read(timerFd_, &expirations, sizeof expirations) > 0) {
     }
+    // The kernel disarmed it on expiry. Rearm whatever the deadlines are:
+    // a timer the clock's rounding leaves for the next round must not wait
+    // for a deadline change that never comes.
+    armed_ = -2;
   }
   ran += timersRun();
   return ran;

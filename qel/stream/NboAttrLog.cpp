@@ -1,35 +1,11 @@
 #include "qel/stream/NboAttrLog.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "qel/stream/Record.h"
-
 namespace Qel {
 namespace NboAttrLog {
-
-namespace {
-
-// Big-endian by shifts: no alignment or host byte order assumed.
-template <class T>
-void putBig(std::string& bytes, T v) {
-  char b[sizeof(T)];
-  for (std::size_t i = 0; i < sizeof(T); ++i) {
-    b[i] = static_cast<char>(static_cast<unsigned char>(v >> (8 * (sizeof(T) - 1 - i))));
-  }
-  bytes.append(b, sizeof(T));
-}
-
-template <class T>
-T getBig(const char* p) {
-  T v = 0;
-  for (std::size_t i = 0; i < sizeof(T); ++i) {
-    v = static_cast<T>((v << 8) | static_cast<unsigned char>(p[i]));
-  }
-  return v;
-}
-
-}  // namespace
 
 FormatException::FormatException(std::uint64_t offset, String reason)
     : Exception(String("offset " + std::to_string(offset) + ": " + reason.stdString()),
@@ -40,16 +16,25 @@ FormatException::~FormatException() = default;
 
 // ---- Out
 
-Out::~Out() = default;
+Out::~Out() {
+  std::free(buf_);
+}
 
-void Out::u16(std::uint16_t v) {
-  putBig(bytes_, v);
-}
-void Out::u32(std::uint32_t v) {
-  putBig(bytes_, v);
-}
-void Out::u64(std::uint64_t v) {
-  putBig(bytes_, v);
+void Out::reserve(std::size_t n) {
+  // Consumed bytes are reclaimed before growing, so a connection's buffer
+  // settles at the size its traffic needs.
+  if (head_ > 0 && !frameOpen()) {
+    std::memmove(buf_, buf_ + head_, size_ - head_);
+    size_ -= head_;
+    head_ = 0;
+    if (cap_ - size_ >= n) return;
+  }
+  std::size_t cap = cap_ < 256 ? 256 : cap_;
+  while (cap - size_ < n) cap *= 2;
+  char* grown = static_cast<char*>(std::realloc(buf_, cap));
+  if (!grown) throw std::bad_alloc();
+  buf_ = grown;
+  cap_ = cap;
 }
 
 void Out::f64(double v) {
@@ -67,79 +52,74 @@ void Out::bytes(const char* data, std::size_t size) {
         String("string of " + std::to_string(size) + " bytes is larger than a stream frame"));
   }
   u32(static_cast<std::uint32_t>(size));
-  bytes_.append(data, size);
+  if (size > 0) std::memcpy(grow(size), data, size);
 }
 
 void Out::frameBegin(std::uint8_t kind, AttributeId attr, EntityId entity) {
   if (frameOpen()) throw InternalException("stream frame begun inside another frame");
-  frameStart_ = bytes_.size();
-  u32(0);
-  u8(kind);
-  u8(0);  // flags: none defined; a receiver refuses any
-  u16(attr);
-  u32(entity);
+  frameStart_ = size_ - head_;  // relative: growing may move consumed bytes out
+  // One write for the whole header: length 0 (filled in by frameEnd), kind,
+  // flags 0 (none defined; a receiver refuses any), attribute, entity.
+  char* p = grow(12);
+  const char header[12] = {0,
+                           0,
+                           0,
+                           0,
+                           static_cast<char>(kind),
+                           0,
+                           static_cast<char>(attr >> 8),
+                           static_cast<char>(attr & 0xff),
+                           static_cast<char>(entity >> 24),
+                           static_cast<char>((entity >> 16) & 0xff),
+                           static_cast<char>((entity >> 8) & 0xff),
+                           static_cast<char>(entity & 0xff)};
+  std::memcpy(p, header, sizeof header);
 }
 
 void Out::frameEnd() {
   if (!frameOpen()) throw InternalException("stream frame ended without being begun");
-  std::size_t start = frameStart_;
-  std::size_t total = bytes_.size() - start;
+  std::size_t start = head_ + frameStart_;
+  std::size_t total = size_ - start;
   frameStart_ = kNoFrame;
   if (total > kMaxFrameBytes) {
-    bytes_.resize(start);
+    size_ = start;
     throwRangeException(String("stream frame of " + std::to_string(total) +
                                " bytes exceeds the limit of " + std::to_string(kMaxFrameBytes)));
   }
   std::uint32_t length = static_cast<std::uint32_t>(total - sizeof(std::uint32_t));
-  char b[4];
-  for (int i = 0; i < 4; ++i) b[i] = static_cast<char>((length >> (8 * (3 - i))) & 0xff);
-  std::memcpy(&bytes_[start], b, sizeof b);
+  for (int i = 0; i < 4; ++i) buf_[start + i] = static_cast<char>((length >> (8 * (3 - i))) & 0xff);
 }
 
 void Out::consume(std::size_t n) {
   head_ += n;
-  if (head_ == bytes_.size()) {
-    clear();
-  } else if (head_ >= 65536 && head_ * 2 >= bytes_.size() && !frameOpen()) {
-    // Compact once the consumed part dominates: amortised O(1) per byte.
-    bytes_.erase(0, head_);
+  if (head_ == size_ && !frameOpen()) {
+    // Keep the block: the buffer fills again at once on a busy connection.
+    size_ = 0;
     head_ = 0;
   }
 }
 
 void Out::clear() {
-  std::string().swap(bytes_);
-  head_ = 0;
+  std::free(buf_);
+  buf_ = nullptr;
+  size_ = cap_ = head_ = 0;
   frameStart_ = kNoFrame;
 }
 
 // ---- In
 
-const char* In::need(std::size_t n, const char* what) {
-  if (remaining() < n) {
-    fail(String(std::string("truncated ") + what + ": " + std::to_string(n) + " bytes needed, " +
-                std::to_string(remaining()) + " left"));
-  }
-  const char* p = data_ + pos_;
-  pos_ += n;
-  return p;
+void In::truncated(std::size_t n, const char* what) const {
+  fail(String(std::string("truncated ") + what + ": " + std::to_string(n) + " bytes needed, " +
+              std::to_string(remaining()) + " left"));
 }
 
-std::uint8_t In::u8() {
-  return static_cast<std::uint8_t>(*need(1, "u8"));
-}
-std::uint16_t In::u16() {
-  return getBig<std::uint16_t>(need(2, "u16"));
-}
-std::uint32_t In::u32() {
-  return getBig<std::uint32_t>(need(4, "u32"));
-}
-std::uint64_t In::u64() {
-  return getBig<std::uint64_t>(need(8, "u64"));
+void In::trailing() const {
+  fail(String(std::to_string(remaining()) + " trailing bytes after the last field"));
 }
 
 double In::f64() {
-  std::uint64_t bits = getBig<std::uint64_t>(need(8, "double"));
+  if (remaining() < 8) truncated(8, "double");
+  std::uint64_t bits = u64();
   double v;
   std::memcpy(&v, &bits, sizeof v);
   return v;
@@ -147,18 +127,19 @@ double In::f64() {
 
 bool In::boolean() {
   std::uint64_t at = offset();
-  std::uint8_t b = static_cast<std::uint8_t>(*need(1, "boolean"));
+  if (remaining() < 1) truncated(1, "boolean");
+  std::uint8_t b = u8();
   if (b > 1) throw FormatException(at, String("boolean byte " + std::to_string(b)));
   return b == 1;
 }
 
 String In::string() {
   std::uint64_t at = offset();
-  std::size_t before = pos_;
-  std::uint32_t length = getBig<std::uint32_t>(need(4, "string length"));
+  if (remaining() < 4) truncated(4, "string length");
+  std::uint32_t length = u32();
   if (length > remaining()) {
     std::size_t left = remaining();
-    pos_ = before;
+    pos_ -= 4;
     throw FormatException(at, String("string length " + std::to_string(length) + " exceeds the " +
                                      std::to_string(left) + " bytes left in the frame"));
   }
@@ -169,22 +150,15 @@ String In::string() {
 
 std::uint32_t In::count(std::size_t minItemBytes) {
   std::uint64_t at = offset();
-  std::size_t before = pos_;
-  std::uint32_t n = getBig<std::uint32_t>(need(4, "count"));
+  std::uint32_t n = u32();
   // Divide rather than multiply: n * minItemBytes overflows a 32-bit size_t.
   if (minItemBytes > 0 && n > remaining() / minItemBytes) {
     std::size_t left = remaining();
-    pos_ = before;
+    pos_ -= 4;
     throw FormatException(at, String("count " + std::to_string(n) + " exceeds what the " +
                                      std::to_string(left) + " bytes left can hold"));
   }
   return n;
-}
-
-void In::endExpect() const {
-  if (remaining() != 0) {
-    fail(String(std::to_string(remaining()) + " trailing bytes after the last field"));
-  }
 }
 
 void In::fail(const String& reason) const {

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -29,6 +30,7 @@
 #include "qel/Notifiee.h"
 #include "qel/Ptr.h"
 #include "qel/String.h"
+#include "qel/stream/AdapterTable.h"
 #include "qel/stream/EventLoop.h"
 #include "qel/stream/NboAttrLog.h"
 #include "qel/stream/StreamAdapter.h"
@@ -104,7 +106,7 @@ class QEL_EXPORT Connection : public PtrInterface {
   // Applies received bytes as if read from the socket (tests, fuzzing).
   void bytesReceived(const char* data, std::size_t size);
 
-  std::uint64_t bytesIn() const noexcept { return inBase_ + in_.size(); }
+  std::uint64_t bytesIn() const noexcept { return inBase_ + inSize_; }
   std::uint64_t recordsIn() const noexcept { return recordsIn_; }
 
   NotifieeListBase& notifieeListRef() noexcept { return notifiees_; }
@@ -140,19 +142,22 @@ class QEL_EXPORT Connection : public PtrInterface {
   bool snapshotEnded_ = false;
   bool snapshotPending_ = false;  // serving: end-of-snapshot not sent yet
   bool parsing_ = false;          // a received frame is being applied
+  bool writeBlocked_ = false;     // the socket refused bytes; wait for writability
   std::size_t capacity_ = kDefaultSendBufferBytes;
   Qel::Ptr<NboAttrLog::Out> out_;
   std::uint32_t interest_ = 0;
 
-  // Received bytes not yet parsed start at in_[inHead_]; inBase_ is the
-  // stream offset of in_[0].
-  std::string in_;
+  // Received bytes: in_[0, inSize_) of a buffer of inCap_ bytes; those not
+  // yet parsed start at in_[inHead_]; inBase_ is the stream offset of in_[0].
+  std::unique_ptr<char[]> in_;
+  std::size_t inSize_ = 0;
+  std::size_t inCap_ = 0;
   std::size_t inHead_ = 0;
   std::uint64_t inBase_ = 0;
   std::uint64_t recordsIn_ = 0;
 
   EntityId nextId_ = NboAttrLog::kRootEntity;
-  std::unordered_map<EntityId, StreamAdapter::Ptr> adapters_;
+  AdapterTable adapters_;
   // Invariant: each adapter is queued at most once (its queued_ flag), so
   // the queue never holds more entries than there are adapters.
   std::deque<StreamAdapter::Ptr> flowOut_;

@@ -88,6 +88,7 @@ class QEL_EXPORT EventLoop : public PtrInterface {
   // Ordered by deadline, then by creation, so equal deadlines run in order.
   std::map<std::pair<Seconds, TimerId>, TimerHandler> timers_;
   std::unordered_map<TimerId, Seconds> timerDeadlines_;
+  Seconds armed_ = -1;  // the deadline the timer fd is set to; -1: disarmed
 };
 
 }  // namespace Qel

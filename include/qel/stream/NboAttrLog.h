@@ -63,11 +63,15 @@ class QEL_EXPORT Out : public PtrInterface {
  public:
   Out() = default;
   ~Out() override;
+  Out(const Out&) = delete;
+  Out& operator=(const Out&) = delete;
 
-  void u8(std::uint8_t v) { bytes_.push_back(static_cast<char>(v)); }
-  void u16(std::uint16_t v);
-  void u32(std::uint32_t v);
-  void u64(std::uint64_t v);
+  // The fixed-size writers are inline: a record is a handful of them, and
+  // records are written once per change.
+  void u8(std::uint8_t v) { put(v); }
+  void u16(std::uint16_t v) { put(v); }
+  void u32(std::uint32_t v) { put(v); }
+  void u64(std::uint64_t v) { put(v); }
   void f64(double v);
   void boolean(bool v) { u8(v ? 1 : 0); }
   // Length, then the bytes. Throws RangeException for a string longer than
@@ -83,16 +87,36 @@ class QEL_EXPORT Out : public PtrInterface {
   bool frameOpen() const noexcept { return frameStart_ != kNoFrame; }
 
   // The bytes not yet consumed.
-  const char* data() const noexcept { return bytes_.data() + head_; }
-  std::size_t size() const noexcept { return bytes_.size() - head_; }
+  const char* data() const noexcept { return buf_ + head_; }
+  std::size_t size() const noexcept { return size_ - head_; }
   // Drops the first `n` unconsumed bytes (n <= size()); an open frame is
-  // never consumed. Memory is given back once everything is consumed.
+  // never consumed. The memory block is kept for the bytes that follow.
   void consume(std::size_t n);
+  // Drops everything, an open frame included, and gives the memory back.
   void clear();
 
  private:
   static constexpr std::size_t kNoFrame = static_cast<std::size_t>(-1);
-  std::string bytes_;
+  // Room for `n` more bytes; returns where they go.
+  char* grow(std::size_t n) {
+    if (cap_ - size_ < n) reserve(n);
+    char* p = buf_ + size_;
+    size_ += n;
+    return p;
+  }
+  void reserve(std::size_t n);
+  // Big-endian by shifts: no alignment or host byte order assumed.
+  template <class T>
+  void put(T v) {
+    char* p = grow(sizeof(T));
+    for (std::size_t i = 0; i < sizeof(T); ++i) {
+      p[i] = static_cast<char>(static_cast<unsigned char>(v >> (8 * (sizeof(T) - 1 - i))));
+    }
+  }
+  // Invariant: head_ <= size_ <= cap_; buf_ is null exactly when cap_ is 0.
+  char* buf_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t cap_ = 0;
   std::size_t head_ = 0;
   std::size_t frameStart_ = kNoFrame;
 };
@@ -106,10 +130,10 @@ class QEL_EXPORT In {
 
   // Each reader throws FormatException ("truncated ...") when fewer bytes
   // remain than the field needs, and consumes nothing then.
-  std::uint8_t u8();
-  std::uint16_t u16();
-  std::uint32_t u32();
-  std::uint64_t u64();
+  std::uint8_t u8() { return get<std::uint8_t>("u8"); }
+  std::uint16_t u16() { return get<std::uint16_t>("u16"); }
+  std::uint32_t u32() { return get<std::uint32_t>("u32"); }
+  std::uint64_t u64() { return get<std::uint64_t>("u64"); }
   double f64();
   // A byte other than 0 or 1 is a FormatException.
   bool boolean();
@@ -124,11 +148,25 @@ class QEL_EXPORT In {
   // Absolute offset of the next byte.
   std::uint64_t offset() const noexcept { return base_ + pos_; }
   // Trailing bytes after a record's last field are a FormatException.
-  void endExpect() const;
+  void endExpect() const {
+    if (remaining() != 0) trailing();
+  }
   [[noreturn]] void fail(const String& reason) const;
 
  private:
-  const char* need(std::size_t n, const char* what);
+  template <class T>
+  T get(const char* what) {
+    if (remaining() < sizeof(T)) truncated(sizeof(T), what);
+    const char* p = data_ + pos_;
+    pos_ += sizeof(T);
+    T v = 0;
+    for (std::size_t i = 0; i < sizeof(T); ++i) {
+      v = static_cast<T>((v << 8) | static_cast<unsigned char>(p[i]));
+    }
+    return v;
+  }
+  [[noreturn]] void truncated(std::size_t n, const char* what) const;
+  [[noreturn]] void trailing() const;
   const char* data_;
   std::size_t size_;
   std::size_t pos_;
