@@ -487,6 +487,10 @@ void Connection::applyCreate(const FrameHeader& h, In& in) {
     throw FormatException(in.offset() - 4,
                           String("entity identifier " + std::to_string(h.entity) + " is not free"));
   }
+  if (adapters_.size() >= maxEntities_) {
+    throw FormatException(in.offset() - 4,
+                          String("entity limit of " + std::to_string(maxEntities_) + " reached"));
+  }
   std::uint64_t typeAt = in.offset();
   String typeName = in.string();
   Name name(in.string());

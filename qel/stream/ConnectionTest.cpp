@@ -216,6 +216,17 @@ TEST_F(ConnectionTest, MemberRecordNamingANonOrphanCloses) {
   expectCopyUnchanged();
 }
 
+TEST_F(ConnectionTest, CreatingPastTheEntityLimitCloses) {
+  pair_.client->maxEntitiesIs(pair_.client->adapters() + 1);
+  std::string gauge = stringBytes("StreamTesting::Gauge") + stringBytes("x") + stringBytes("u");
+  inject(frameOf(RecordKind::create, 0, 50, gauge));
+  EXPECT_TRUE(pair_.client->open());
+  std::uint64_t at = inject(frameOf(RecordKind::create, 0, 51, gauge));
+  EXPECT_EQ(closeTraces(),
+            std::vector<std::string>{closeTrace(at + 8, "entity limit of 4 reached")});
+  expectCopyUnchanged();
+}
+
 TEST_F(ConnectionTest, TransactionClosedWithoutOpenCloses) {
   std::uint64_t at = inject(frameOf(RecordKind::transactionClose, 258, 1, ""));
   EXPECT_EQ(closeTraces(),

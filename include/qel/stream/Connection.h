@@ -92,6 +92,11 @@ class QEL_EXPORT Connection : public PtrInterface {
   void adapterDel(EntityId id);
   StreamAdapter* adapter(EntityId id) const;
   std::size_t adapters() const noexcept { return adapters_.size(); }
+  // Mounting end: a peer that creates more entities than this is closed
+  // on, so that a hostile server cannot grow the copy without bound.
+  static constexpr std::size_t kDefaultMaxEntities = std::size_t{1} << 20;
+  void maxEntitiesIs(std::size_t n) noexcept { maxEntities_ = n; }
+  std::size_t maxEntities() const noexcept { return maxEntities_; }
 
   // ---- Liveness
   // Serving end: a heartbeat goes out after `seconds` without any record.
@@ -144,6 +149,7 @@ class QEL_EXPORT Connection : public PtrInterface {
   bool parsing_ = false;          // a received frame is being applied
   bool writeBlocked_ = false;     // the socket refused bytes; wait for writability
   std::size_t capacity_ = kDefaultSendBufferBytes;
+  std::size_t maxEntities_ = kDefaultMaxEntities;
   Qel::Ptr<NboAttrLog::Out> out_;
   std::uint32_t interest_ = 0;
 
