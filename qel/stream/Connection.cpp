@@ -31,6 +31,7 @@ constexpr int kReadsPerRound = 8;
 // Records are batched in the send buffer and go out when the socket is
 // writable; past this many bytes they go out at once.
 constexpr std::size_t kEagerFlushBytes = 64 * 1024;
+constexpr std::size_t kMaxOpenTransactions = 4096;
 
 // Invariant: the receive buffer holds at most one partial frame plus one
 // read, so its size is bounded whatever the peer sends.
@@ -464,6 +465,13 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
                                                           : "transaction closed without open"));
       }
       if (opening) {
+        // One open transfer per streamed collection is all a sane peer
+        // needs; the bound keeps a hostile one from growing the set.
+        if (transactions_.size() >= kMaxOpenTransactions) {
+          throw FormatException(
+              frameAt + 4,
+              String("more than " + std::to_string(kMaxOpenTransactions) + " transactions open"));
+        }
         transactions_.insert(key);
       } else {
         transactions_.erase(key);
@@ -473,6 +481,8 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
     }
     case RecordKind::entityDel:
       in.endExpect();
+      transactions_.erase(transactions_.lower_bound(std::make_pair(h.entity, AttributeId{0})),
+                          transactions_.upper_bound(std::make_pair(h.entity, AttributeId{0xffff})));
       adapters_.erase(h.entity);  // `a` holds it until the end
       adapterRelease(a.ptr());
       a->handleEntityDel();
@@ -503,6 +513,8 @@ void Connection::applyCreate(const FrameHeader& h, In& in) {
   if (!a || a->connection_ != this) {
     throw InternalException(String("factory of " + typeName.stdString() + " made no adapter"));
   }
+  // Whatever the factory did, a copy made from a stream is read-only.
+  if (a->entity() && !a->entity()->readOnly()) a->entity()->readOnlyIs(peerName_);
   a->id_ = h.entity;
   adapters_.insert(h.entity, a);
 }

@@ -233,6 +233,27 @@ TEST_F(ConnectionTest, TransactionClosedWithoutOpenCloses) {
             std::vector<std::string>{closeTrace(at + 4, "transaction closed without open")});
 }
 
+TEST_F(ConnectionTest, DeletedEntityTakesItsOpenTransactionsAlong) {
+  inject(frameOf(RecordKind::transactionOpen, 258, 1, ""));
+  inject(frameOf(RecordKind::entityDel, 0, 1, ""));
+  EXPECT_TRUE(pair_.client->open());
+  // A new entity 1 starts with no transaction open.
+  inject(frameOf(RecordKind::create, 0, 1, stringBytes("StreamTesting::Board") + stringBytes("b")));
+  inject(frameOf(RecordKind::transactionOpen, 258, 1, ""));
+  EXPECT_TRUE(pair_.client->open()) << pair_.client->reason();
+}
+
+TEST_F(ConnectionTest, CopyFromAFactoryIsReadOnlyWhateverTheFactoryDid) {
+  Qel::streamTypeIs("ConnectionTest::Careless", [](Qel::Connection* c, const Qel::Name& name,
+                                                   Qel::StreamAdapter::In&) {
+    return Qel::StreamAdapter::Ptr(new StreamTesting::BoardAdapter(c, Board::BoardIs(name).ptr()));
+  });
+  inject(frameOf(RecordKind::create, 0, 60,
+                 stringBytes("ConnectionTest::Careless") + stringBytes("x")));
+  ASSERT_NE(pair_.client->adapter(60), nullptr);
+  EXPECT_TRUE(pair_.client->adapter(60)->entity()->readOnly());
+}
+
 TEST_F(ConnectionTest, SecondSnapshotEndCloses) {
   std::uint64_t at = inject(frameOf(RecordKind::snapshotEnd, 0, 0, ""));
   EXPECT_EQ(closeTraces(), std::vector<std::string>{closeTrace(at + 4, "second end of snapshot")});
