@@ -2,11 +2,12 @@
 #   make test    install what is missing, build, run the whole test suite
 #   make demo    install what is missing, build, run the end-to-end demo
 #   make bench   build and run the benchmarks (with the peers they compare to)
+#   make fuzz    build the fuzz targets with clang and run each FUZZ_SECONDS (60)
 BUILD ?= build
 CMAKE_ARGS ?=
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: test demo bench clean
+.PHONY: test demo bench fuzz clean
 
 test:
 	@scripts/ensure-deps.sh test
@@ -27,5 +28,11 @@ bench:
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_BENCHMARKS=ON $(CMAKE_ARGS)
 	cmake --build $(BUILD)-bench -j$(JOBS) --target bench
 
+FUZZ_SECONDS ?= 60
+fuzz:
+	@scripts/ensure-deps.sh fuzz
+	cmake -S . -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKRONLOG_BUILD_FUZZERS=ON -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_TOOLS=OFF -DKRONLOG_INSTALL=OFF -DKRONLOG_FUZZ_SECONDS=$(FUZZ_SECONDS) $(CMAKE_ARGS)
+	cmake --build $(BUILD)-fuzz -j$(JOBS) --target fuzz
+
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz

@@ -3,6 +3,8 @@
 #include <string>
 #include <unordered_set>
 
+#include "qel/Exception.h"
+
 namespace Qel {
 
 namespace {
@@ -24,6 +26,16 @@ Entity::~Entity() {
 
 void Entity::nameIsFromBackup(const Name& name) {
   name_ = name;
+}
+
+void Entity::readOnlyIs(const String& peerName) {
+  readOnly_ = true;
+  readOnlyPeerName_ = peerName;
+}
+
+void Entity::readOnlyViolation() const {
+  throw ReadOnlyException(String("entity is a read-only copy: " + fullName().stdString() +
+                                 " peerName: " + readOnlyPeerName_.stdString()));
 }
 
 String Entity::fullName() const {

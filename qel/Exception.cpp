@@ -10,6 +10,7 @@ Exception::~Exception() = default;
 RangeException::~RangeException() = default;
 NameInUseException::~NameInUseException() = default;
 InternalException::~InternalException() = default;
+ReadOnlyException::~ReadOnlyException() = default;
 
 DeserializeException::DeserializeException(String message, String context)
     : Exception(std::move(message), kIdentifierMask, true), context_(std::move(context)) {}

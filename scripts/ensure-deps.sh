@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages a build needs, if any is missing.
-#   scripts/ensure-deps.sh [test] [bench] [m32]
+#   scripts/ensure-deps.sh [test] [bench] [m32] [fuzz]
 # As root it runs apt-get; otherwise it prints the command to run and fails.
 set -eu
 
@@ -10,6 +10,7 @@ for profile in "$@"; do
     test) pkgs="$pkgs libgtest-dev googletest" ;;
     bench) pkgs="$pkgs libbenchmark-dev libspdlog-dev" ;;
     m32) pkgs="$pkgs g++-multilib googletest" ;;
+    fuzz) pkgs="$pkgs clang-14 libfuzzer-14-dev" ;;
     *) echo "ensure-deps: unknown profile '$profile'" >&2; exit 2 ;;
   esac
 done

@@ -23,6 +23,13 @@
 #include "qel/Notifiee.h"
 #include "qel/String.h"
 
+namespace Qel {
+namespace NboAttrLog {
+class In;
+class Out;
+}  // namespace NboAttrLog
+}  // namespace Qel
+
 namespace KronlogWriter {
 
 // What a full log does with the next event.
@@ -53,6 +60,8 @@ class KRONLOG_EXPORT LogEntry {
       : timestamp_(timestamp), message_(std::move(message)) {}
   // Parses the text form; Qel::DeserializeException on any difference.
   LogEntry(Qel::String8::IteratorConst& it, const Qel::String8::IteratorConst& end);
+  // Reads the streamed fields (see the streaming block at the end).
+  explicit LogEntry(Qel::NboAttrLog::In* in);
 
   Qel::Seconds timestamp() const noexcept { return timestamp_; }
   const Qel::String& message() const noexcept { return message_; }
@@ -83,6 +92,8 @@ class KRONLOG_EXPORT Config {
       : size_(size), overflowAction_(overflowAction) {}
   // Parses the text form; Qel::DeserializeException on any difference.
   Config(Qel::String8::IteratorConst& it, const Qel::String8::IteratorConst& end);
+  // Reads the streamed fields (see the streaming block at the end).
+  explicit Config(Qel::NboAttrLog::In* in);
 
   unsigned int size() const noexcept { return size_; }
   OverflowActionType overflowAction() const noexcept { return overflowAction_; }
@@ -136,6 +147,8 @@ class KRONLOG_EXPORT Writer : public Qel::Entity,
     LogMetadata() noexcept : firstIndex_(0), nextIndex_(0) {}
     LogMetadata(unsigned int firstIndex, unsigned int nextIndex) noexcept
         : firstIndex_(firstIndex), nextIndex_(nextIndex) {}
+    // Reads the streamed fields (see the streaming block at the end).
+    explicit LogMetadata(Qel::NboAttrLog::In* in);
     unsigned int firstIndex() const noexcept { return firstIndex_; }
     unsigned int nextIndex() const noexcept { return nextIndex_; }
     bool operator==(const LogMetadata& o) const noexcept {
@@ -290,6 +303,23 @@ class KRONLOG_EXPORT WriterDir : public Qel::Entity {
 
 // Never null: a failed allocation throws std::bad_alloc.
 KRONLOG_EXPORT WriterDir::Ptr writerDirFactory(const Qel::Name& name);
+
+// ---- Attribute-log streaming of the value types (writer/WriterStreaming.cpp)
+//
+// Each value is written as its fields in declared order, in the framework's
+// field encoding: LogEntry as the timestamp (double) then the message
+// (string); Config as the size (u32) then the overflow action (its number,
+// u32); LogMetadata as firstIndex then nextIndex (u32 each). The matching
+// constructors (X(Qel::NboAttrLog::In*), declared in the classes) read them
+// back in the same order and throw Qel::NboAttrLog::FormatException for
+// truncated input or, for Config, an overflow action the enum does not have.
+KRONLOG_EXPORT const Qel::Ptr<Qel::NboAttrLog::Out>& operator<<(
+    const Qel::Ptr<Qel::NboAttrLog::Out>& out, const LogEntry& value);
+KRONLOG_EXPORT const Qel::Ptr<Qel::NboAttrLog::Out>& operator<<(
+    const Qel::Ptr<Qel::NboAttrLog::Out>& out, const Config& value);
+KRONLOG_EXPORT const Qel::Ptr<Qel::NboAttrLog::Out>& operator<<(
+    const Qel::Ptr<Qel::NboAttrLog::Out>& out, const Writer::LogMetadata& value);
+// ---- end of the streaming block
 
 }  // namespace KronlogWriter
 

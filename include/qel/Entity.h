@@ -35,6 +35,36 @@ class QEL_EXPORT Entity : public PtrInterface {
   // made-up address.
   static Entity* liveEntity(const void* address);
 
+  // Read-only copies. An entity built from another process's stream is a
+  // proxy of the original: its mutators call writeCheck(), which refuses
+  // user code, while the framework applies the peer's changes inside a
+  // FlowInScope. A copy converted with writableIs() is an ordinary entity.
+  bool readOnly() const noexcept { return readOnly_; }
+  // The process the copy came from ("<command>[<pid>]"); empty otherwise.
+  const String& readOnlyPeerName() const noexcept { return readOnlyPeerName_; }
+  void readOnlyIs(const String& peerName);
+  void writableIs() noexcept { readOnly_ = false; }
+  // True while the framework applies a received change to this entity.
+  bool flowIn() const noexcept { return flowInDepth_ != 0; }
+  // Throws ReadOnlyException when called on a read-only copy outside a
+  // flow-in: user code tried to change it.
+  void writeCheck() const {
+    if (readOnly_ && flowInDepth_ == 0) readOnlyViolation();
+  }
+
+  // Marks `entity` as having a received change applied to it for the
+  // scope's lifetime (scopes nest).
+  class FlowInScope {
+   public:
+    explicit FlowInScope(Entity* entity) noexcept : entity_(entity) { ++entity_->flowInDepth_; }
+    ~FlowInScope() { --entity_->flowInDepth_; }
+    FlowInScope(const FlowInScope&) = delete;
+    FlowInScope& operator=(const FlowInScope&) = delete;
+
+   private:
+    Entity* entity_;
+  };
+
   // Collection linkage, managed by HashMap only. The key is the name the
   // entity had when it entered its collection: renaming an entity
   // (nameIsFromBackup) re-keys nothing, and must not disturb the order of
@@ -56,6 +86,10 @@ class QEL_EXPORT Entity : public PtrInterface {
   Entity* parent_ = nullptr;
   Name parentAttr_;
   Name qelKey_;
+  String readOnlyPeerName_;
+  unsigned flowInDepth_ = 0;
+  bool readOnly_ = false;
+  [[noreturn]] void readOnlyViolation() const;
 };
 
 }  // namespace Qel

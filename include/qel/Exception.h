@@ -66,6 +66,16 @@ class QEL_EXPORT InternalException : public Exception {
   ~InternalException() override;
 };
 
+// User code changed an entity that is a read-only copy of another
+// process's entity.
+class QEL_EXPORT ReadOnlyException : public Exception {
+ public:
+  static constexpr std::uint32_t kIdentifierMask = 0x10000;
+  explicit ReadOnlyException(String message)
+      : Exception(std::move(message), kIdentifierMask, true) {}
+  ~ReadOnlyException() override;
+};
+
 [[noreturn]] QEL_EXPORT void throwRangeException(const String& message);
 [[noreturn]] QEL_EXPORT void throwNameInUseException(const String& message);
 

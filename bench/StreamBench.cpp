@@ -1,0 +1,186 @@
+// Records per second from one process to another through the stream layer,
+// side by side with the raw floor: the same bytes over the same socket type
+// (an AF_UNIX stream socketpair), sent in the same batches (64 KiB sends,
+// waiting for writability when the socket is full), which the peer reads in
+// the same 64 KiB reads and drops.
+//
+// Framework side: the parent changes the label of one of 64 gauges per
+// record; their adapters write attrUpdate records into the connection's
+// send buffer (waiting for room rather than collapsing changes, so every
+// change is one record). The child mounts them: it decodes each frame,
+// finds the entity, applies the label to its read-only copy and notifies.
+// Both children report how many records (frames) they received, and a run
+// whose count differs from what was sent fails.
+//
+// Arg: label bytes per record (the frame is 20 bytes more).
+#include <benchmark/benchmark.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "qel/Trace.h"
+#include "qel/stream/Connection.h"
+#include "qel/stream/EventLoop.h"
+#include "qel/stream/Record.h"
+#include "testing/StreamTestTypes.h"
+
+namespace {
+
+using StreamTesting::Board;
+using StreamTesting::Gauge;
+
+constexpr int kGauges = 64;
+constexpr std::size_t kBatchBytes = 64 * 1024;
+constexpr int kRecordsPerIteration = 1024;
+
+// A child process at the other end of a socketpair; reports a count back
+// through a pipe when its end of the socket is closed.
+struct Child {
+  pid_t pid = -1;
+  int socket = -1;  // the parent's end
+  int report = -1;
+  template <class F>
+  static Child spawn(F body) {
+    int sv[2], pipefd[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0 || ::pipe(pipefd) != 0) std::abort();
+    Child c;
+    c.pid = ::fork();
+    if (c.pid == 0) {
+      ::close(sv[0]);
+      ::close(pipefd[0]);
+      std::uint64_t n = body(sv[1]);
+      (void)!::write(pipefd[1], &n, sizeof n);
+      ::_exit(0);
+    }
+    ::close(sv[1]);
+    ::close(pipefd[1]);
+    c.socket = sv[0];
+    c.report = pipefd[0];
+    return c;
+  }
+  // Waits for the child's count after the parent's end is closed.
+  std::uint64_t finish() {
+    std::uint64_t n = 0;
+    if (::read(report, &n, sizeof n) != static_cast<ssize_t>(sizeof n)) n = ~0ull;
+    ::waitpid(pid, nullptr, 0);
+    ::close(report);
+    return n;
+  }
+};
+
+std::vector<Qel::String> labels(std::size_t bytes) {
+  // Two labels per size, so that every change is a change.
+  return {Qel::String(std::string(bytes, 'a')), Qel::String(std::string(bytes, 'b'))};
+}
+
+// ---- Raw floor
+
+void BM_RawFloor(benchmark::State& state) {
+  std::size_t bytes = static_cast<std::size_t>(state.range(0));
+  // The same frames the framework sends: attrUpdate of attribute 262.
+  std::vector<std::string> frames;
+  for (const Qel::String& l : labels(bytes)) {
+    Qel::NboAttrLog::Out out;
+    out.frameBegin(static_cast<std::uint8_t>(Qel::NboAttrLog::RecordKind::attrUpdate),
+                   StreamTesting::kLabelAttr, 2);
+    out.string(l);
+    out.frameEnd();
+    frames.emplace_back(out.data(), out.size());
+  }
+  std::size_t frameBytes = frames[0].size();
+  Child child = Child::spawn([frameBytes](int fd) {
+    std::vector<char> buf(kBatchBytes);
+    std::uint64_t total = 0;
+    ssize_t n;
+    while ((n = ::read(fd, buf.data(), buf.size())) > 0) total += static_cast<std::uint64_t>(n);
+    return total / frameBytes;
+  });
+  std::string batch;
+  std::uint64_t sent = 0;
+  auto flush = [&] {
+    std::size_t off = 0;
+    while (off < batch.size()) {
+      ssize_t n =
+          ::send(child.socket, batch.data() + off, batch.size() - off, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n > 0) {
+        off += static_cast<std::size_t>(n);
+      } else {
+        pollfd p{child.socket, POLLOUT, 0};
+        ::poll(&p, 1, -1);
+      }
+    }
+    batch.clear();
+  };
+  for (auto _ : state) {
+    for (int i = 0; i < kRecordsPerIteration; ++i) {
+      batch += frames[sent & 1];
+      ++sent;
+      if (batch.size() >= kBatchBytes) flush();
+    }
+  }
+  flush();
+  ::close(child.socket);
+  std::uint64_t received = child.finish();
+  if (received != sent) state.SkipWithError("the peer did not receive every record");
+  state.counters["records/s"] =
+      benchmark::Counter(static_cast<double>(sent), benchmark::Counter::kIsRate);
+  state.SetBytesProcessed(static_cast<std::int64_t>(sent * frameBytes));
+}
+
+// ---- Through the framework
+
+void BM_Framework(benchmark::State& state) {
+  std::size_t bytes = static_cast<std::size_t>(state.range(0));
+  Qel::traceLevelsIs("QelStream", 0);
+  StreamTesting::streamTestTypesRegister();
+  Child child = Child::spawn([](int fd) {
+    Qel::EventLoop::Ptr loop = new Qel::EventLoop;
+    Qel::Connection::Ptr c =
+        new Qel::Connection(loop.ptr(), fd, Qel::Connection::Role::mounting, "bench", "peer");
+    while (c->open()) loop->runOnce(-1);
+    return c->recordsIn();
+  });
+  Qel::EventLoop::Ptr loop = new Qel::EventLoop;
+  Qel::Connection::Ptr server = new Qel::Connection(
+      loop.ptr(), child.socket, Qel::Connection::Role::serving, "bench", "server");
+  Board::Ptr board = Board::BoardIs("board");
+  std::vector<Gauge::Ptr> gauges;
+  for (int i = 0; i < kGauges; ++i)
+    gauges.push_back(board->gaugeIs(Qel::Name("g" + std::to_string(i)), "u"));
+  while (!server->handshook()) loop->runOnce(-1);
+  server->adapterIs(new StreamTesting::BoardAdapter(server.ptr(), board.ptr()));
+  while (server->flowOutQueued() > 0 || server->sendBufferBytes() > 0) loop->runOnce(-1);
+  std::uint64_t before = 0;  // records of the snapshot, counted by the peer too
+  std::vector<Qel::String> ls = labels(bytes);
+  std::uint64_t sent = 0;
+  for (auto _ : state) {
+    for (int i = 0; i < kRecordsPerIteration; ++i) {
+      // Wait for room rather than let changes collapse: one change, one record.
+      while (!server->mayTransmit()) loop->runOnce(-1);
+      gauges[sent % kGauges]->labelIs(ls[(sent / kGauges) & 1]);
+      ++sent;
+    }
+  }
+  while (server->sendBufferBytes() > 0) loop->runOnce(-1);
+  before = server->recordsIn();  // the peer's handshake
+  (void)before;
+  server->close("done");
+  std::uint64_t received = child.finish();
+  // The peer also received the handshake, the snapshot (board, transaction
+  // pair, 64 creates, 64 members, 128 attribute values) and its end.
+  std::uint64_t snapshot = 1 + 1 + 2 + 2 * kGauges + 2 * kGauges + 1;
+  if (received != sent + snapshot) state.SkipWithError("the peer did not receive every record");
+  state.counters["records/s"] =
+      benchmark::Counter(static_cast<double>(sent), benchmark::Counter::kIsRate);
+}
+
+BENCHMARK(BM_RawFloor)->Arg(16)->Arg(80)->Arg(200)->UseRealTime()->MinTime(1.0);
+BENCHMARK(BM_Framework)->Arg(16)->Arg(80)->Arg(200)->UseRealTime()->MinTime(1.0);
+
+}  // namespace

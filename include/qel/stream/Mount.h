@@ -1,0 +1,91 @@
+// The mounting side: connects to a served path and keeps a read-only copy
+// of the entity served there.
+//
+// The copy becomes visible (root(), onSynced) only once the whole snapshot
+// has arrived; changes then apply to it live. When the connection drops,
+// the copy stays, marked stale (onStale), and the mount reconnects with
+// exponential backoff between minimum and maximum delays. A reconnect
+// builds the new snapshot into a fresh copy and switches root() to it only
+// at its end-of-snapshot record, so a reader never sees a copy that is
+// half old and half new; the old copy stays as it was for whoever holds it.
+#ifndef QEL_STREAM_MOUNT_H
+#define QEL_STREAM_MOUNT_H
+
+#include <memory>
+
+#include "qel/Entity.h"
+#include "qel/Export.h"
+#include "qel/Notifiee.h"
+#include "qel/Ptr.h"
+#include "qel/String.h"
+#include "qel/stream/Connection.h"
+#include "qel/stream/EventLoop.h"
+
+namespace Qel {
+
+class QEL_EXPORT Mount : public PtrInterface {
+ public:
+  using Ptr = Qel::Ptr<Mount>;
+
+  class Notifiee : public Qel::Notifiee<Mount> {
+   public:
+    // root() is a complete, current copy (after each snapshot).
+    virtual void onSynced() {}
+    // The connection dropped; root() keeps the last state it had.
+    virtual void onStale() {}
+  };
+
+  // Starts connecting to `path` at once (the first attempt runs on the loop).
+  Mount(EventLoop* loop, const String& path);
+  // Closes the connection; copies already handed out stay valid.
+  ~Mount() override;
+  Mount(const Mount&) = delete;
+  Mount& operator=(const Mount&) = delete;
+
+  const String& path() const noexcept { return path_; }
+  // The copy of the served root entity; null until the first snapshot ends.
+  Entity::Ptr root() const { return root_; }
+  bool synced() const noexcept { return synced_; }
+  bool stale() const noexcept { return stale_; }
+  // Snapshots completed so far (1 after the first sync, 2 after a resync...).
+  unsigned syncs() const noexcept { return syncs_; }
+  // The live connection, or null between attempts.
+  Connection* connection() const noexcept { return connection_.ptr(); }
+
+  // Delays between attempts: `min` after a failure, doubled after each
+  // further one, never above `max`. Defaults 0.05 s and 5 s.
+  void retryDelaysIs(Seconds min, Seconds max);
+  Seconds retryDelay() const noexcept { return delay_; }
+  // Closes a connection whose peer sends nothing (not even heartbeats)
+  // for this long; 0 (the default) waits forever.
+  void peerTimeoutIs(Seconds seconds) noexcept { peerTimeout_ = seconds; }
+
+  NotifieeListBase& notifieeListRef() noexcept { return notifiees_; }
+  NotifieeListBase* notifieeList() const override;
+
+ private:
+  struct Reactor;
+  void attempt();
+  void retryLater();
+  void snapshotEnded();
+  void closed();
+
+  EventLoop::Ptr loop_;
+  String path_;
+  Entity::Ptr root_;
+  Connection::Ptr connection_;
+  std::unique_ptr<Reactor> reactor_;
+  bool synced_ = false;
+  bool stale_ = false;
+  unsigned syncs_ = 0;
+  Seconds minDelay_ = 0.05;
+  Seconds maxDelay_ = 5;
+  Seconds delay_ = 0.05;
+  Seconds peerTimeout_ = 0;
+  EventLoop::TimerId timer_ = 0;
+  NotifieeListBase notifiees_;
+};
+
+}  // namespace Qel
+
+#endif  // QEL_STREAM_MOUNT_H

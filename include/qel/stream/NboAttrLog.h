@@ -1,0 +1,188 @@
+// Attribute-log fields in network byte order.
+//
+// Out appends typed fields to a byte buffer; In reads them back from a
+// bounded view and refuses to read past it. Every integer is big-endian, a
+// double is its IEEE-754 bit pattern as a big-endian 64-bit word, a boolean
+// is one byte (0 or 1), and a byte string is a 32-bit length followed by the
+// bytes. Out also frames records (see Record.h): frameBegin writes a header
+// whose length frameEnd fills in.
+//
+//   Qel::Ptr<Qel::NboAttrLog::Out> out = new Qel::NboAttrLog::Out;
+//   out << std::uint32_t{7} << Qel::String("text");
+//   Qel::NboAttrLog::In in(out->data(), out->size());
+//   std::uint32_t n = in.u32();   // 7
+//   Qel::String s = in.string();  // "text"
+#ifndef QEL_STREAM_NBOATTRLOG_H
+#define QEL_STREAM_NBOATTRLOG_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "qel/Exception.h"
+#include "qel/Export.h"
+#include "qel/Ptr.h"
+#include "qel/String.h"
+
+namespace Qel {
+
+// Identifies an attribute of a streamed entity type. Identifiers below
+// kFirstTypeAttributeId belong to the framework.
+using AttributeId = std::uint16_t;
+constexpr AttributeId kFirstTypeAttributeId = 256;
+
+namespace NboAttrLog {
+
+// Identifies an entity on one connection; assigned by the sending side.
+// 0 is "no entity" (connection-level records); the first entity a peer
+// creates (1) is the root of what it serves.
+using EntityId = std::uint32_t;
+constexpr EntityId kNoEntity = 0;
+constexpr EntityId kRootEntity = 1;
+
+// Largest frame, its 4-byte length field included. A length field that
+// claims more closes the connection before anything is buffered for it.
+constexpr std::size_t kMaxFrameBytes = std::size_t{1} << 20;
+
+// A received byte sequence that does not decode. offset() is where in the
+// input the fault was found (absolute, when the reader was given a base).
+class QEL_EXPORT FormatException : public Exception {
+ public:
+  static constexpr std::uint32_t kIdentifierMask = 0x20000;
+  FormatException(std::uint64_t offset, String reason);
+  ~FormatException() override;
+  std::uint64_t offset() const noexcept { return offset_; }
+  const String& reason() const noexcept { return reason_; }
+
+ private:
+  std::uint64_t offset_;
+  String reason_;
+};
+
+class QEL_EXPORT Out : public PtrInterface {
+ public:
+  Out() = default;
+  ~Out() override;
+  Out(const Out&) = delete;
+  Out& operator=(const Out&) = delete;
+
+  // The fixed-size writers are inline: a record is a handful of them, and
+  // records are written once per change.
+  void u8(std::uint8_t v) { put(v); }
+  void u16(std::uint16_t v) { put(v); }
+  void u32(std::uint32_t v) { put(v); }
+  void u64(std::uint64_t v) { put(v); }
+  void f64(double v);
+  void boolean(bool v) { u8(v ? 1 : 0); }
+  // Length, then the bytes. Throws RangeException for a string longer than
+  // a frame can carry (nothing is written then).
+  void string(const String& v) { bytes(v.data(), v.size()); }
+  void bytes(const char* data, std::size_t size);
+
+  // Starts a frame: writes a header with a zero length. Frames do not nest.
+  void frameBegin(std::uint8_t kind, AttributeId attr, EntityId entity);
+  // Fills in the open frame's length. A frame larger than kMaxFrameBytes is
+  // taken back out whole and RangeException is thrown: a peer never sees it.
+  void frameEnd();
+  bool frameOpen() const noexcept { return frameStart_ != kNoFrame; }
+
+  // The bytes not yet consumed.
+  const char* data() const noexcept { return buf_ + head_; }
+  std::size_t size() const noexcept { return size_ - head_; }
+  // Drops the first `n` unconsumed bytes (n <= size()); an open frame is
+  // never consumed. The memory block is kept for the bytes that follow.
+  void consume(std::size_t n);
+  // Drops everything, an open frame included, and gives the memory back.
+  void clear();
+
+ private:
+  static constexpr std::size_t kNoFrame = static_cast<std::size_t>(-1);
+  // Room for `n` more bytes; returns where they go.
+  char* grow(std::size_t n) {
+    if (cap_ - size_ < n) reserve(n);
+    char* p = buf_ + size_;
+    size_ += n;
+    return p;
+  }
+  void reserve(std::size_t n);
+  // Big-endian by shifts: no alignment or host byte order assumed.
+  template <class T>
+  void put(T v) {
+    char* p = grow(sizeof(T));
+    for (std::size_t i = 0; i < sizeof(T); ++i) {
+      p[i] = static_cast<char>(static_cast<unsigned char>(v >> (8 * (sizeof(T) - 1 - i))));
+    }
+  }
+  // Invariant: head_ <= size_ <= cap_; buf_ is null exactly when cap_ is 0.
+  char* buf_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t cap_ = 0;
+  std::size_t head_ = 0;
+  std::size_t frameStart_ = kNoFrame;
+};
+
+class QEL_EXPORT In {
+ public:
+  // Reads [data, data + size). `base` is the absolute offset of data[0] in
+  // the stream, used only in error reports. The bytes must outlive the In.
+  In(const char* data, std::size_t size, std::uint64_t base = 0) noexcept
+      : data_(data), size_(size), pos_(0), base_(base) {}
+
+  // Each reader throws FormatException ("truncated ...") when fewer bytes
+  // remain than the field needs, and consumes nothing then.
+  std::uint8_t u8() { return get<std::uint8_t>("u8"); }
+  std::uint16_t u16() { return get<std::uint16_t>("u16"); }
+  std::uint32_t u32() { return get<std::uint32_t>("u32"); }
+  std::uint64_t u64() { return get<std::uint64_t>("u64"); }
+  double f64();
+  // A byte other than 0 or 1 is a FormatException.
+  bool boolean();
+  // A length larger than what remains is a FormatException: the allocation
+  // is bounded by the input, never by what a length field claims.
+  String string();
+  // A count of items of at least `minItemBytes` each; more than the
+  // remaining bytes could hold is a FormatException.
+  std::uint32_t count(std::size_t minItemBytes);
+
+  std::size_t remaining() const noexcept { return size_ - pos_; }
+  // Absolute offset of the next byte.
+  std::uint64_t offset() const noexcept { return base_ + pos_; }
+  // Trailing bytes after a record's last field are a FormatException.
+  void endExpect() const {
+    if (remaining() != 0) trailing();
+  }
+  [[noreturn]] void fail(const String& reason) const;
+
+ private:
+  template <class T>
+  T get(const char* what) {
+    if (remaining() < sizeof(T)) truncated(sizeof(T), what);
+    const char* p = data_ + pos_;
+    pos_ += sizeof(T);
+    T v = 0;
+    for (std::size_t i = 0; i < sizeof(T); ++i) {
+      v = static_cast<T>((v << 8) | static_cast<unsigned char>(p[i]));
+    }
+    return v;
+  }
+  [[noreturn]] void truncated(std::size_t n, const char* what) const;
+  [[noreturn]] void trailing() const;
+  const char* data_;
+  std::size_t size_;
+  std::size_t pos_;
+  std::uint64_t base_;
+};
+
+}  // namespace NboAttrLog
+
+// Streaming operators for the plain field types, for value types that write
+// their fields in order: `out << a.x() << a.y();`.
+QEL_EXPORT const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, std::uint32_t v);
+QEL_EXPORT const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, std::uint64_t v);
+QEL_EXPORT const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, double v);
+QEL_EXPORT const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, bool v);
+QEL_EXPORT const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, const String& v);
+
+}  // namespace Qel
+
+#endif  // QEL_STREAM_NBOATTRLOG_H

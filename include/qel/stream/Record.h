@@ -1,0 +1,81 @@
+// Stream records: the frame header, the record kinds and the handshake.
+// docs/stream-format.md is the byte-level description of all of this.
+//
+// A frame is a 12-byte header followed by its payload:
+//   u32 length (bytes after this field), u8 kind, u8 flags (0),
+//   u16 attribute identifier, u32 entity identifier.
+#ifndef QEL_STREAM_RECORD_H
+#define QEL_STREAM_RECORD_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "qel/Export.h"
+#include "qel/String.h"
+#include "qel/stream/NboAttrLog.h"
+
+namespace Qel {
+namespace NboAttrLog {
+
+enum class RecordKind : std::uint8_t {
+  handshake = 1,         // opens a connection: magic, version, peer name
+  create = 2,            // an orphan entity: type name, name, constructor values
+  attrUpdate = 3,        // a new value of one attribute (or one collection member)
+  memberDel = 4,         // a collection member removed, by key
+  transactionOpen = 5,   // a whole-collection transfer starts
+  transactionClose = 6,  // ... and ends
+  entityDel = 7,         // the peer no longer streams this entity
+  snapshotEnd = 8,       // everything the peer had at connection time was sent
+  heartbeat = 9,         // nothing to say; the peer is alive
+};
+constexpr std::uint8_t kFirstRecordKind = 1;
+constexpr std::uint8_t kLastRecordKind = 9;
+
+constexpr std::size_t kHeaderBytes = 12;
+constexpr std::size_t kLengthBytes = 4;
+// "QELS" read as a big-endian word.
+constexpr std::uint32_t kMagic = 0x51454C53;
+// Raised when a change makes old peers misread new records; a receiver
+// accepts exactly its own version (see docs/stream-format.md).
+constexpr std::uint16_t kVersion = 1;
+constexpr std::size_t kMaxPeerNameBytes = 256;
+
+// Invariant: a header always fits in a frame, with room to spare.
+static_assert(kHeaderBytes < kMaxFrameBytes, "frame cap below header size");
+
+QEL_EXPORT const char* recordKindName(RecordKind kind);
+
+struct FrameHeader {
+  std::uint32_t length = 0;  // bytes after the length field
+  RecordKind kind = RecordKind::heartbeat;
+  AttributeId attr = 0;
+  EntityId entity = 0;
+  std::size_t frameBytes() const noexcept { return kLengthBytes + length; }
+  std::size_t payloadBytes() const noexcept { return frameBytes() - kHeaderBytes; }
+};
+
+// Looks for one frame at the start of [data, data + size). Returns 0 when
+// the bytes end before the frame does, otherwise the frame's size, with
+// `header` filled in; the payload follows the header. Throws
+// FormatException (offsets counted from `base`) as soon as the bytes
+// present show a bad frame: a length beyond kMaxFrameBytes or below the
+// header, an unknown kind, nonzero flags. So a receiver never buffers more
+// than one frame cap for any input.
+QEL_EXPORT std::size_t frameAt(const char* data, std::size_t size, std::uint64_t base,
+                               FrameHeader* header);
+
+struct Handshake {
+  std::uint16_t version = 0;
+  String peerName;
+};
+
+// Writes a whole handshake frame.
+QEL_EXPORT void handshakeWrite(Out& out, const String& peerName);
+// Reads a handshake payload; FormatException for a wrong magic, another
+// version, an overlong name or trailing bytes.
+QEL_EXPORT Handshake handshakeRead(In& in);
+
+}  // namespace NboAttrLog
+}  // namespace Qel
+
+#endif  // QEL_STREAM_RECORD_H

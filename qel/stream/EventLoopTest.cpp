@@ -1,0 +1,153 @@
+// The event loop: readiness, timers in deadline order, stop, removal from
+// inside a handler, and driving it from another loop through fd().
+#include "qel/stream/EventLoop.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using Qel::EventLoop;
+
+class EventLoopTest : public ::testing::Test {
+ protected:
+  EventLoopTest() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds_), 0); }
+  ~EventLoopTest() override {
+    ::close(fds_[0]);
+    ::close(fds_[1]);
+  }
+  void poke() { ASSERT_EQ(::write(fds_[1], "x", 1), 1); }
+  void drain() {
+    char b[16];
+    while (::read(fds_[0], b, sizeof b) > 0) {
+    }
+  }
+  EventLoop::Ptr loop_ = new EventLoop;
+  int fds_[2];
+  std::vector<std::string> seen_;
+};
+
+TEST_F(EventLoopTest, ReadableFdRunsItsHandler) {
+  loop_->fdIs(fds_[0], EventLoop::kReadable, [this](std::uint32_t e) {
+    seen_.push_back(e & EventLoop::kReadable ? "readable" : "other");
+    drain();
+  });
+  EXPECT_EQ(loop_->runOnce(0), 0u);
+  poke();
+  EXPECT_EQ(loop_->runOnce(1), 1u);
+  EXPECT_EQ(seen_, std::vector<std::string>{"readable"});
+}
+
+TEST_F(EventLoopTest, HangupIsReported) {
+  std::uint32_t events = 0;
+  loop_->fdIs(fds_[0], EventLoop::kReadable, [&](std::uint32_t e) { events = e; });
+  ::close(fds_[1]);
+  fds_[1] = ::dup(fds_[0]);  // keep the destructor's close harmless
+  loop_->runOnce(1);
+  EXPECT_TRUE(events & EventLoop::kReadable);
+}
+
+TEST_F(EventLoopTest, InterestChangeTakesEffect) {
+  int writable = 0;
+  loop_->fdIs(fds_[0], EventLoop::kReadable, [&](std::uint32_t e) {
+    if (e & EventLoop::kWritable) ++writable;
+  });
+  EXPECT_EQ(loop_->runOnce(0), 0u);
+  loop_->fdInterestIs(fds_[0], EventLoop::kReadable | EventLoop::kWritable);
+  loop_->runOnce(0);
+  EXPECT_EQ(writable, 1);
+}
+
+TEST_F(EventLoopTest, HandlerRemovingAnotherWatchKeepsItFromRunning) {
+  // Both are ready in the same round; whichever runs first removes the other.
+  int runs = 0;
+  loop_->fdIs(fds_[0], EventLoop::kWritable, [&](std::uint32_t) {
+    ++runs;
+    loop_->fdDel(fds_[1]);
+  });
+  loop_->fdIs(fds_[1], EventLoop::kWritable, [&](std::uint32_t) {
+    ++runs;
+    loop_->fdDel(fds_[0]);
+  });
+  EXPECT_EQ(loop_->runOnce(0), 1u);
+  EXPECT_EQ(runs, 1);
+}
+
+TEST_F(EventLoopTest, HandlerMayRemoveItself) {
+  int runs = 0;
+  loop_->fdIs(fds_[0], EventLoop::kWritable, [&](std::uint32_t) {
+    ++runs;
+    loop_->fdDel(fds_[0]);
+  });
+  loop_->runOnce(0);
+  loop_->runOnce(0);
+  EXPECT_EQ(runs, 1);
+}
+
+TEST_F(EventLoopTest, TimersRunInDeadlineOrder) {
+  loop_->timerIs(0.02, [this] { seen_.push_back("late"); });
+  loop_->timerIs(0.0, [this] { seen_.push_back("now"); });
+  loop_->timerIs(0.01, [this] { seen_.push_back("soon"); });
+  while (loop_->timers() > 0) loop_->runOnce(1);
+  EXPECT_EQ(seen_, (std::vector<std::string>{"now", "soon", "late"}));
+}
+
+TEST_F(EventLoopTest, TimerDoesNotRunEarly) {
+  Qel::Seconds start = EventLoop::monotonicNow();
+  Qel::Seconds ranAt = 0;
+  loop_->timerIs(0.03, [&] { ranAt = EventLoop::monotonicNow(); });
+  while (loop_->timers() > 0) loop_->runOnce(1);
+  EXPECT_GE(ranAt - start, 0.03);
+}
+
+TEST_F(EventLoopTest, DeletedTimerNeverRuns) {
+  bool ran = false;
+  EventLoop::TimerId id = loop_->timerIs(0, [&] { ran = true; });
+  loop_->timerDel(id);
+  loop_->runOnce(0.01);
+  EXPECT_FALSE(ran);
+  loop_->timerDel(id);  // again: harmless
+}
+
+TEST_F(EventLoopTest, TimerDeletingALaterDueTimerStopsIt) {
+  EventLoop::TimerId second = 0;
+  loop_->timerIs(0, [&] {
+    seen_.push_back("first");
+    loop_->timerDel(second);
+  });
+  second = loop_->timerIs(0, [&] { seen_.push_back("second"); });
+  loop_->runOnce(0.01);
+  EXPECT_EQ(seen_, std::vector<std::string>{"first"});
+}
+
+TEST_F(EventLoopTest, StopEndsRunFromAHandler) {
+  int ticks = 0;
+  std::function<void()> tick = [&] {
+    if (++ticks == 3) {
+      loop_->stop();
+    } else {
+      loop_->timerIs(0, tick);
+    }
+  };
+  loop_->timerIs(0, tick);
+  loop_->run();
+  EXPECT_EQ(ticks, 3);
+}
+
+TEST_F(EventLoopTest, ForeignLoopDrivesItThroughFdAndProcess) {
+  bool ran = false;
+  loop_->timerIs(0.01, [&] { ran = true; });
+  pollfd p{loop_->fd(), POLLIN, 0};
+  ASSERT_EQ(::poll(&p, 1, 1000), 1);  // the timer made the loop's fd readable
+  EXPECT_EQ(loop_->process(), 1u);
+  EXPECT_TRUE(ran);
+  EXPECT_EQ(::poll(&p, 1, 0), 0);  // and nothing is left
+}
+
+}  // namespace

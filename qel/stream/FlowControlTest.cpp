@@ -1,0 +1,147 @@
+// Flow control: a peer that does not read costs the server its send buffer
+// and one dirty record per entity, never more; changes made while it is
+// slow collapse into the current value; dirty entities take turns.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "testing/StreamFixture.h"
+
+namespace {
+
+using StreamTesting::Board;
+using StreamTesting::Gauge;
+
+// Notes every change of a copy's gauges, in order.
+class ChangeOrder : public Gauge::Notifiee {
+ public:
+  ChangeOrder(Gauge* g, std::vector<std::string>* log) : log_(log) { notifierIs(g); }
+  void onValue() override { log_->push_back(notifier()->name().stdString() + ".value"); }
+  void onLabel() override { log_->push_back(notifier()->name().stdString() + ".label"); }
+
+ private:
+  std::vector<std::string>* log_;
+};
+
+class FlowControlTest : public ::testing::Test {
+ protected:
+  FlowControlTest() {
+    for (const char* n : {"a", "b", "c"}) board_->gaugeIs(n, "u");
+  }
+  Board::Ptr board_ = Board::BoardIs("board");
+};
+
+TEST_F(FlowControlTest, ChangesWhileTheBufferIsFullCollapseToTheCurrentValue) {
+  StreamTesting::StreamPair pair(board_);
+  pair.settle();
+  pair.server->sendBufferCapacityIs(64);
+  std::uint64_t before = pair.client->recordsIn();
+  // The loop does not run: nothing drains, so most of these find no room.
+  for (unsigned v = 1; v <= 1000; ++v) board_->gauge("a")->valueIs(v);
+  EXPECT_LE(pair.server->sendBufferBytes(), 64u + 16u);
+  EXPECT_EQ(pair.server->flowOutQueued(), 1u);
+  pair.settle();
+  EXPECT_EQ(pair.copy()->gauge("a")->value(), 1000u);
+  EXPECT_LT(pair.client->recordsIn() - before, 10u);
+}
+
+TEST_F(FlowControlTest, DirtyEntitiesTakeTurns) {
+  StreamTesting::StreamPair pair(board_);
+  pair.settle();
+  std::vector<std::string> order;
+  ChangeOrder a(pair.copy()->gauge("a"), &order), b(pair.copy()->gauge("b"), &order),
+      c(pair.copy()->gauge("c"), &order);
+  // Room for one record per round. a's value finds the buffer empty and
+  // goes at once; after that every entity still dirty gets a record in
+  // before any gets its second (without turns: b.value, b.label, c...).
+  pair.server->sendBufferCapacityIs(1);
+  for (const char* n : {"a", "b", "c"}) {
+    board_->gauge(n)->valueIs(1);
+    board_->gauge(n)->labelIs("x");
+  }
+  pair.settle();
+  EXPECT_EQ(order, (std::vector<std::string>{"a.value", "a.label", "b.value", "c.value", "b.label",
+                                             "c.label"}));
+}
+
+TEST_F(FlowControlTest, SnapshotLargerThanTheBufferArrivesWhole) {
+  for (int i = 0; i < 500; ++i)
+    board_->gaugeIs(Qel::Name("g" + std::to_string(i)), "u")->valueIs(i);
+  StreamTesting::StreamPair pair(board_);
+  pair.server->sendBufferCapacityIs(256);
+  pair.settle();
+  ASSERT_TRUE(pair.client->snapshotEnded());
+  EXPECT_EQ(pair.copy()->gauges(), 503u);
+  EXPECT_EQ(pair.copy()->gauge("g499")->value(), 499u);
+}
+
+TEST_F(FlowControlTest, MembershipChangedDuringAnInterruptedTransferEndsConsistent) {
+  for (int i = 0; i < 200; ++i) board_->gaugeIs(Qel::Name("g" + std::to_string(i)), "u");
+  StreamTesting::StreamPair pair(board_);
+  pair.server->sendBufferCapacityIs(128);
+  for (int round = 0; round < 5; ++round) pair.loop->runOnce(0);
+  // The transfer is under way; change the collection behind its bookmark
+  // and ahead of it.
+  for (int i = 0; i < 200; i += 3) board_->gaugeDel(Qel::Name("g" + std::to_string(i)));
+  board_->gaugeIs("late", "u")->valueIs(7);
+  pair.settle();
+  ASSERT_TRUE(pair.client->snapshotEnded());
+  EXPECT_EQ(pair.copy()->gauges(), board_->gauges());
+  for (auto it = board_->gaugeIter(); it; ++it) {
+    EXPECT_NE(pair.copy()->gauge(it->name()), nullptr) << it->name();
+  }
+  EXPECT_EQ(pair.copy()->gauge("late")->value(), 7u);
+}
+
+// A server whose peer never reads: the kernel's buffer fills, then ours.
+class StalledPeerTest : public FlowControlTest {
+ protected:
+  StalledPeerTest() {
+    StreamTesting::streamTestTypesRegister();
+    int fds[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    int small = 4096;
+    ::setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    stalled_ = fds[1];
+    server_ =
+        new Qel::Connection(loop_.ptr(), fds[0], Qel::Connection::Role::serving, "stalled", "srv");
+    server_->sendBufferCapacityIs(8192);
+    Qel::NboAttrLog::Out hello;
+    Qel::NboAttrLog::handshakeWrite(hello, "stalled");
+    EXPECT_EQ(::write(stalled_, hello.data(), hello.size()), static_cast<ssize_t>(hello.size()));
+    loop_->runOnce(0);
+    EXPECT_TRUE(server_->handshook());
+    server_->adapterIs(new StreamTesting::BoardAdapter(server_.ptr(), board_.ptr()));
+  }
+  ~StalledPeerTest() override {
+    server_->close("test over");
+    ::close(stalled_);
+  }
+  Qel::EventLoop::Ptr loop_ = new Qel::EventLoop;
+  Qel::Connection::Ptr server_;
+  int stalled_ = -1;
+};
+
+TEST_F(StalledPeerTest, ServerMemoryStaysWithinTheBufferWhateverTheChangeRate) {
+  std::size_t most = 0;
+  for (unsigned round = 0; round < 200; ++round) {
+    for (unsigned i = 0; i < 100; ++i) {
+      board_->gauge("a")->valueIs(round * 100 + i);
+      board_->gauge("b")->labelIs(Qel::String(std::string(40, 'a' + (i % 26))));
+    }
+    loop_->runOnce(0);
+    most = std::max(most, server_->sendBufferBytes());
+  }
+  EXPECT_TRUE(server_->open());
+  // One record may go in when there is room, so the bound is the capacity
+  // plus one record.
+  EXPECT_LE(most, 8192u + 64u);
+  EXPECT_GE(most, 8192u);
+  EXPECT_LE(server_->flowOutQueued(), server_->adapters());
+}
+
+}  // namespace

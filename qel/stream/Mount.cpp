@@ -1,0 +1,112 @@
+#include "qel/stream/Mount.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "qel/stream/StreamTrace.h"
+#include "qel/stream/UnixSocket.h"
+
+namespace Qel {
+
+namespace {
+constexpr char kFile[] = "Mount";
+}  // namespace
+
+struct Mount::Reactor : Connection::Notifiee {
+  Mount* mount;
+  void onSnapshotEnd() override { mount->snapshotEnded(); }
+  void onClose() override { mount->closed(); }
+};
+
+Mount::Mount(EventLoop* loop, const String& path) : loop_(loop), path_(path) {
+  timer_ = loop_->timerIs(0, [this] {
+    timer_ = 0;
+    attempt();
+  });
+}
+
+Mount::~Mount() {
+  if (timer_) loop_->timerDel(timer_);
+  if (reactor_) reactor_->notifierIs(nullptr);
+  if (connection_) connection_->close(String("mount released"));
+}
+
+NotifieeListBase* Mount::notifieeList() const {
+  return const_cast<NotifieeListBase*>(&notifiees_);
+}
+
+void Mount::retryDelaysIs(Seconds min, Seconds max) {
+  minDelay_ = min > 0 ? min : 0;
+  maxDelay_ = max > minDelay_ ? max : minDelay_;
+  delay_ = minDelay_;
+}
+
+void Mount::attempt() {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  if (path_.empty() || path_.size() >= sizeof addr.sun_path) {
+    QEL_STREAM_TRACE(0, kFile, 60, "attempt", << "unusable path: " << path_);
+    return;  // no retry can make this path work
+  }
+  std::memcpy(addr.sun_path, path_.data(), path_.size());
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+    QEL_STREAM_TRACE(1, kFile, 68, "attempt",
+                     << "connect path: " << path_ << " failed: " << std::strerror(errno));
+    if (fd >= 0) ::close(fd);
+    retryLater();
+    return;
+  }
+  String name = peerName(fd);
+  connection_ = new Connection(loop_.ptr(), fd, Connection::Role::mounting, name,
+                               processName(static_cast<std::int32_t>(::getpid())));
+  connection_->peerTimeoutIs(peerTimeout_);
+  reactor_ = std::make_unique<Reactor>();
+  reactor_->mount = this;
+  reactor_->notifierIs(connection_);
+  QEL_STREAM_TRACE(1, kFile, 80, "attempt", << "connected path: " << path_ << " peer: " << name);
+}
+
+void Mount::retryLater() {
+  Seconds d = delay_;
+  delay_ = delay_ * 2 > maxDelay_ ? maxDelay_ : delay_ * 2;
+  if (delay_ < minDelay_) delay_ = minDelay_;
+  timer_ = loop_->timerIs(d, [this] {
+    timer_ = 0;
+    attempt();
+  });
+}
+
+void Mount::snapshotEnded() {
+  StreamAdapter* root = connection_->adapter(NboAttrLog::kRootEntity);
+  if (!root || !root->entity()) {
+    connection_->close(String("snapshot ended without a root entity"));
+    return;
+  }
+  // The switch: the fresh copy replaces the old one whole.
+  root_ = root->entity();
+  synced_ = true;
+  stale_ = false;
+  ++syncs_;
+  delay_ = minDelay_;
+  notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onSynced(); });
+}
+
+void Mount::closed() {
+  // Released after the connection finishes notifying.
+  Connection::Ptr gone = std::move(connection_);
+  if (reactor_) reactor_->notifierIs(nullptr);
+  if (synced_ || root_) {
+    synced_ = false;
+    stale_ = true;
+    notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onStale(); });
+  }
+  retryLater();
+}
+
+}  // namespace Qel

@@ -1,0 +1,191 @@
+#include "qel/stream/NboAttrLog.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace Qel {
+namespace NboAttrLog {
+
+FormatException::FormatException(std::uint64_t offset, String reason)
+    : Exception(String("offset " + std::to_string(offset) + ": " + reason.stdString()),
+                kIdentifierMask, true),
+      offset_(offset),
+      reason_(std::move(reason)) {}
+FormatException::~FormatException() = default;
+
+// ---- Out
+
+Out::~Out() {
+  std::free(buf_);
+}
+
+void Out::reserve(std::size_t n) {
+  // Consumed bytes are reclaimed before growing, so a connection's buffer
+  // settles at the size its traffic needs.
+  if (head_ > 0 && !frameOpen()) {
+    std::memmove(buf_, buf_ + head_, size_ - head_);
+    size_ -= head_;
+    head_ = 0;
+    if (cap_ - size_ >= n) return;
+  }
+  std::size_t cap = cap_ < 256 ? 256 : cap_;
+  while (cap - size_ < n) cap *= 2;
+  char* grown = static_cast<char*>(std::realloc(buf_, cap));
+  if (!grown) throw std::bad_alloc();
+  buf_ = grown;
+  cap_ = cap;
+}
+
+void Out::f64(double v) {
+  static_assert(sizeof(double) == sizeof(std::uint64_t), "IEEE-754 binary64 expected");
+  std::uint64_t bits;
+  std::memcpy(&bits, &v, sizeof bits);
+  u64(bits);
+}
+
+void Out::bytes(const char* data, std::size_t size) {
+  // Checked here, not only at frameEnd, so that a 32-bit length field can
+  // never be truncated silently.
+  if (size > kMaxFrameBytes) {
+    throwRangeException(
+        String("string of " + std::to_string(size) + " bytes is larger than a stream frame"));
+  }
+  u32(static_cast<std::uint32_t>(size));
+  if (size > 0) std::memcpy(grow(size), data, size);
+}
+
+void Out::frameBegin(std::uint8_t kind, AttributeId attr, EntityId entity) {
+  if (frameOpen()) throw InternalException("stream frame begun inside another frame");
+  frameStart_ = size_ - head_;  // relative: growing may move consumed bytes out
+  // One write for the whole header: length 0 (filled in by frameEnd), kind,
+  // flags 0 (none defined; a receiver refuses any), attribute, entity.
+  char* p = grow(12);
+  const char header[12] = {0,
+                           0,
+                           0,
+                           0,
+                           static_cast<char>(kind),
+                           0,
+                           static_cast<char>(attr >> 8),
+                           static_cast<char>(attr & 0xff),
+                           static_cast<char>(entity >> 24),
+                           static_cast<char>((entity >> 16) & 0xff),
+                           static_cast<char>((entity >> 8) & 0xff),
+                           static_cast<char>(entity & 0xff)};
+  std::memcpy(p, header, sizeof header);
+}
+
+void Out::frameEnd() {
+  if (!frameOpen()) throw InternalException("stream frame ended without being begun");
+  std::size_t start = head_ + frameStart_;
+  std::size_t total = size_ - start;
+  frameStart_ = kNoFrame;
+  if (total > kMaxFrameBytes) {
+    size_ = start;
+    throwRangeException(String("stream frame of " + std::to_string(total) +
+                               " bytes exceeds the limit of " + std::to_string(kMaxFrameBytes)));
+  }
+  std::uint32_t length = static_cast<std::uint32_t>(total - sizeof(std::uint32_t));
+  for (int i = 0; i < 4; ++i) buf_[start + i] = static_cast<char>((length >> (8 * (3 - i))) & 0xff);
+}
+
+void Out::consume(std::size_t n) {
+  head_ += n;
+  if (head_ == size_ && !frameOpen()) {
+    // Keep the block: the buffer fills again at once on a busy connection.
+    size_ = 0;
+    head_ = 0;
+  }
+}
+
+void Out::clear() {
+  std::free(buf_);
+  buf_ = nullptr;
+  size_ = cap_ = head_ = 0;
+  frameStart_ = kNoFrame;
+}
+
+// ---- In
+
+void In::truncated(std::size_t n, const char* what) const {
+  fail(String(std::string("truncated ") + what + ": " + std::to_string(n) + " bytes needed, " +
+              std::to_string(remaining()) + " left"));
+}
+
+void In::trailing() const {
+  fail(String(std::to_string(remaining()) + " trailing bytes after the last field"));
+}
+
+double In::f64() {
+  if (remaining() < 8) truncated(8, "double");
+  std::uint64_t bits = u64();
+  double v;
+  std::memcpy(&v, &bits, sizeof v);
+  return v;
+}
+
+bool In::boolean() {
+  std::uint64_t at = offset();
+  if (remaining() < 1) truncated(1, "boolean");
+  std::uint8_t b = u8();
+  if (b > 1) throw FormatException(at, String("boolean byte " + std::to_string(b)));
+  return b == 1;
+}
+
+String In::string() {
+  std::uint64_t at = offset();
+  if (remaining() < 4) truncated(4, "string length");
+  std::uint32_t length = u32();
+  if (length > remaining()) {
+    std::size_t left = remaining();
+    pos_ -= 4;
+    throw FormatException(at, String("string length " + std::to_string(length) + " exceeds the " +
+                                     std::to_string(left) + " bytes left in the frame"));
+  }
+  String s(data_ + pos_, length);
+  pos_ += length;
+  return s;
+}
+
+std::uint32_t In::count(std::size_t minItemBytes) {
+  std::uint64_t at = offset();
+  std::uint32_t n = u32();
+  // Divide rather than multiply: n * minItemBytes overflows a 32-bit size_t.
+  if (minItemBytes > 0 && n > remaining() / minItemBytes) {
+    std::size_t left = remaining();
+    pos_ -= 4;
+    throw FormatException(at, String("count " + std::to_string(n) + " exceeds what the " +
+                                     std::to_string(left) + " bytes left can hold"));
+  }
+  return n;
+}
+
+void In::fail(const String& reason) const {
+  throw FormatException(offset(), reason);
+}
+
+}  // namespace NboAttrLog
+
+const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, std::uint32_t v) {
+  out->u32(v);
+  return out;
+}
+const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, std::uint64_t v) {
+  out->u64(v);
+  return out;
+}
+const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, double v) {
+  out->f64(v);
+  return out;
+}
+const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, bool v) {
+  out->boolean(v);
+  return out;
+}
+const Ptr<NboAttrLog::Out>& operator<<(const Ptr<NboAttrLog::Out>& out, const String& v) {
+  out->string(v);
+  return out;
+}
+
+}  // namespace Qel

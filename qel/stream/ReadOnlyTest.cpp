@@ -1,0 +1,131 @@
+// Read-only copies: user code cannot change them, the framework's internal
+// errors for a write-update from a copy and for a re-entered adapter, and
+// conversion of a copy into an ordinary entity.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "qel/Exception.h"
+#include "testing/StreamFixture.h"
+
+namespace {
+
+using StreamTesting::Board;
+using StreamTesting::Gauge;
+
+class ReadOnlyTest : public ::testing::Test {
+ protected:
+  ReadOnlyTest() {
+    board_->gaugeIs("volts", "V")->valueIs(230);
+    pair_.settle();
+    copy_ = pair_.copy()->gauge("volts");
+  }
+  std::string closeReason() const { return pair_.client->reason().stdString(); }
+
+  StreamTesting::StreamTraces traces_{1u};
+  Board::Ptr board_ = Board::BoardIs("board");
+  StreamTesting::StreamPair pair_{board_};
+  Gauge::Ptr copy_;
+};
+
+TEST_F(ReadOnlyTest, MutatorOnACopyRaisesTheReadOnlyError) {
+  try {
+    copy_->valueIs(1);
+    FAIL() << "no exception";
+  } catch (const Qel::ReadOnlyException& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "entity is a read-only copy: /board/volts peerName: " + pair_.peer.stdString());
+  }
+  EXPECT_EQ(copy_->value(), 230u);
+  EXPECT_THROW(pair_.copy()->gaugeDel("volts"), Qel::ReadOnlyException);
+}
+
+TEST_F(ReadOnlyTest, WriteUpdateFromACopyRaisesTheInternalError) {
+  Qel::StreamAdapter* a = pair_.client->adapter(2);
+  ASSERT_EQ(a->entity(), copy_.ptr());
+  std::string expected =
+      "write-update from readonly proxy: /board/volts peerName: " + pair_.peer.stdString();
+  try {
+    a->recordBegin(Qel::NboAttrLog::RecordKind::attrUpdate, StreamTesting::kValueAttr);
+    FAIL() << "no exception";
+  } catch (const Qel::InternalException& e) {
+    EXPECT_EQ(std::string(e.what()), expected);
+  }
+  EXPECT_FALSE(a->mayTransmit());
+}
+
+TEST_F(ReadOnlyTest, ConvertedCopyIsWritableAndNoLongerFollowsItsSource) {
+  copy_->writableIs();
+  copy_->valueIs(5);
+  board_->gauge("volts")->valueIs(231);
+  pair_.settle();
+  EXPECT_EQ(copy_->value(), 5u);
+  EXPECT_TRUE(pair_.client->open());
+  EXPECT_FALSE(copy_->readOnly());
+}
+
+// An adapter that forgets to check the flow-in attribute and so tries to
+// send back what it just received.
+class EchoingGaugeAdapter : public StreamTesting::GaugeAdapter {
+ public:
+  using GaugeAdapter::GaugeAdapter;
+  const char* typeName() const override { return "ReadOnlyTest::EchoingGauge"; }
+  void onValue() override { flowOutNeededIs(); }
+  static Qel::StreamAdapter::Ptr factory(Qel::Connection* c, const Qel::Name& name, In& in) {
+    Gauge::Ptr g = Gauge::GaugeIs(name, in.string());
+    g->readOnlyIs(c->peerName());
+    return new EchoingGaugeAdapter(c, g.ptr());
+  }
+};
+
+TEST(ReadOnlyEchoTest, EchoFromACopyClosesTheConnectionWithTheInternalError) {
+  StreamTesting::StreamTraces traces(1u);
+  Qel::streamTypeIs("ReadOnlyTest::EchoingGauge", &EchoingGaugeAdapter::factory);
+  Qel::EventLoop::Ptr loop = new Qel::EventLoop;
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  Qel::Connection::Ptr server =
+      new Qel::Connection(loop.ptr(), fds[0], Qel::Connection::Role::serving, "cli[1]", "s");
+  Qel::Connection::Ptr client =
+      new Qel::Connection(loop.ptr(), fds[1], Qel::Connection::Role::mounting, "srv[2]", "c");
+  Gauge::Ptr g = Gauge::GaugeIs("g", "V");
+  g->valueIs(5);  // so that the copy's value changes as the snapshot lands
+  while (!server->handshook()) loop->runOnce(1);
+  server->adapterIs(new EchoingGaugeAdapter(server.ptr(), g.ptr()));
+  for (int i = 0; i < 50 && client->open(); ++i) loop->runOnce(0.01);
+  EXPECT_FALSE(client->open());
+  EXPECT_EQ(client->reason(), "write-update from readonly proxy: /g peerName: srv[2]");
+  server->close("over");
+}
+
+// A notifiee of a copy that runs the event loop from inside the change it
+// hears: the adapter applying that change is entered again.
+class NestedLoop : public Gauge::Notifiee {
+ public:
+  NestedLoop(Gauge* copy, Gauge* source, Qel::EventLoop* loop) : source_(source), loop_(loop) {
+    notifierIs(copy);
+  }
+  void onValue() override {
+    if (nested_) return;
+    nested_ = true;
+    source_->valueIs(source_->value() + 1);
+    for (int i = 0; i < 5; ++i) loop_->runOnce(0);
+  }
+
+ private:
+  Gauge* source_;
+  Qel::EventLoop* loop_;
+  bool nested_ = false;
+};
+
+TEST_F(ReadOnlyTest, AdapterEnteredWhileActiveRaisesTheInternalError) {
+  NestedLoop nested(copy_.ptr(), board_->gauge("volts"), pair_.loop.ptr());
+  board_->gauge("volts")->valueIs(300);
+  pair_.settle();
+  EXPECT_FALSE(pair_.client->open());
+  EXPECT_EQ(closeReason(), "entity reactor is already active");
+  // The change being applied when it happened stays; the nested one did not.
+  EXPECT_EQ(copy_->value(), 300u);
+}
+
+}  // namespace

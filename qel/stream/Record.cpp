@@ -1,0 +1,102 @@
+#include "qel/stream/Record.h"
+
+#include <string>
+
+namespace Qel {
+namespace NboAttrLog {
+
+const char* recordKindName(RecordKind kind) {
+  switch (kind) {
+    case RecordKind::handshake:
+      return "handshake";
+    case RecordKind::create:
+      return "create";
+    case RecordKind::attrUpdate:
+      return "attrUpdate";
+    case RecordKind::memberDel:
+      return "memberDel";
+    case RecordKind::transactionOpen:
+      return "transactionOpen";
+    case RecordKind::transactionClose:
+      return "transactionClose";
+    case RecordKind::entityDel:
+      return "entityDel";
+    case RecordKind::snapshotEnd:
+      return "snapshotEnd";
+    case RecordKind::heartbeat:
+      return "heartbeat";
+  }
+  return "unknown";
+}
+
+std::size_t frameAt(const char* data, std::size_t size, std::uint64_t base, FrameHeader* header) {
+  In in(data, size, base);
+  if (size < kLengthBytes) return 0;
+  std::uint32_t length = in.u32();
+  // Checked before waiting for the rest, so that a hostile length never
+  // makes the receiver buffer beyond the cap.
+  if (length > kMaxFrameBytes - kLengthBytes) {
+    throw FormatException(
+        base, String("frame length " + std::to_string(length) + " exceeds the limit of " +
+                     std::to_string(kMaxFrameBytes - kLengthBytes)));
+  }
+  if (length < kHeaderBytes - kLengthBytes) {
+    throw FormatException(
+        base, String("frame length " + std::to_string(length) + " is shorter than a header"));
+  }
+  if (size < kLengthBytes + 1) return 0;
+  std::uint64_t kindAt = in.offset();
+  std::uint8_t kind = in.u8();
+  if (kind < kFirstRecordKind || kind > kLastRecordKind) {
+    throw FormatException(kindAt, String("unknown record kind " + std::to_string(kind)));
+  }
+  if (size < kLengthBytes + 2) return 0;
+  std::uint64_t flagsAt = in.offset();
+  std::uint8_t flags = in.u8();
+  if (flags != 0) {
+    throw FormatException(flagsAt, String("unknown frame flags " + std::to_string(flags)));
+  }
+  if (size < kLengthBytes + length) return 0;
+  header->length = length;
+  header->kind = static_cast<RecordKind>(kind);
+  header->attr = in.u16();
+  header->entity = in.u32();
+  return kLengthBytes + length;
+}
+
+void handshakeWrite(Out& out, const String& peerName) {
+  out.frameBegin(static_cast<std::uint8_t>(RecordKind::handshake), 0, kNoEntity);
+  out.u32(kMagic);
+  out.u16(kVersion);
+  String name =
+      peerName.size() > kMaxPeerNameBytes ? String(peerName.data(), kMaxPeerNameBytes) : peerName;
+  out.string(name);
+  out.frameEnd();
+}
+
+Handshake handshakeRead(In& in) {
+  std::uint64_t magicAt = in.offset();
+  std::uint32_t magic = in.u32();
+  if (magic != kMagic) {
+    throw FormatException(magicAt, String("bad magic " + std::to_string(magic)));
+  }
+  Handshake h;
+  std::uint64_t versionAt = in.offset();
+  h.version = in.u16();
+  if (h.version != kVersion) {
+    throw FormatException(versionAt,
+                          String("unsupported protocol version " + std::to_string(h.version) +
+                                 " (expected " + std::to_string(kVersion) + ")"));
+  }
+  std::uint64_t nameAt = in.offset();
+  h.peerName = in.string();
+  if (h.peerName.size() > kMaxPeerNameBytes) {
+    throw FormatException(nameAt, String("peer name of " + std::to_string(h.peerName.size()) +
+                                         " bytes exceeds " + std::to_string(kMaxPeerNameBytes)));
+  }
+  in.endExpect();
+  return h;
+}
+
+}  // namespace NboAttrLog
+}  // namespace Qel

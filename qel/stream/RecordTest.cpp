@@ -1,0 +1,129 @@
+// Frame splitting and the handshake: partial input waits, bad headers are
+// refused as soon as the bytes that show them are in.
+#include "qel/stream/Record.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "testing/StreamFixture.h"
+
+namespace {
+
+using Qel::NboAttrLog::FormatException;
+using Qel::NboAttrLog::FrameHeader;
+using Qel::NboAttrLog::In;
+using Qel::NboAttrLog::RecordKind;
+using StreamTesting::frameOf;
+using StreamTesting::u32Bytes;
+
+class RecordTest : public ::testing::Test {
+ protected:
+  // The frame size frameAt reports for `bytes`, or the failure text.
+  std::string scan(const std::string& bytes) {
+    try {
+      return std::to_string(Qel::NboAttrLog::frameAt(bytes.data(), bytes.size(), 1000, &h_));
+    } catch (const FormatException& e) {
+      return e.what();
+    }
+  }
+  std::string handshakeFailure(const std::string& payload) {
+    In in(payload.data(), payload.size());
+    try {
+      Qel::NboAttrLog::handshakeRead(in);
+    } catch (const FormatException& e) {
+      return e.what();
+    }
+    return "accepted";
+  }
+  FrameHeader h_;
+};
+
+TEST_F(RecordTest, WholeFrameIsFoundWithItsHeader) {
+  std::string f = frameOf(RecordKind::attrUpdate, 261, 9, u32Bytes(5));
+  EXPECT_EQ(scan(f + "extra"), "16");
+  EXPECT_EQ(h_.kind, RecordKind::attrUpdate);
+  EXPECT_EQ(h_.attr, 261);
+  EXPECT_EQ(h_.entity, 9u);
+  EXPECT_EQ(h_.payloadBytes(), 4u);
+}
+
+TEST_F(RecordTest, EveryPrefixOfAFrameWaitsForMore) {
+  std::string f = frameOf(RecordKind::attrUpdate, 261, 9, u32Bytes(5));
+  for (std::size_t n = 0; n < f.size(); ++n) EXPECT_EQ(scan(f.substr(0, n)), "0") << n;
+}
+
+TEST_F(RecordTest, HandshakeRoundTrips) {
+  Qel::NboAttrLog::Out out;
+  Qel::NboAttrLog::handshakeWrite(out, "agent[12]");
+  std::string f(out.data(), out.size());
+  ASSERT_EQ(scan(f), std::to_string(f.size()));
+  EXPECT_EQ(h_.kind, RecordKind::handshake);
+  In in(f.data() + 12, h_.payloadBytes());
+  Qel::NboAttrLog::Handshake hs = Qel::NboAttrLog::handshakeRead(in);
+  EXPECT_EQ(hs.version, Qel::NboAttrLog::kVersion);
+  EXPECT_EQ(hs.peerName, "agent[12]");
+}
+
+TEST_F(RecordTest, OverlongPeerNameIsCutWhenWritten) {
+  Qel::NboAttrLog::Out out;
+  Qel::NboAttrLog::handshakeWrite(out, Qel::String(std::string(300, 'n')));
+  In in(out.data() + 12, out.size() - 12);
+  EXPECT_EQ(Qel::NboAttrLog::handshakeRead(in).peerName.size(), 256u);
+}
+
+TEST_F(RecordTest, EveryKindHasAName) {
+  for (int k = Qel::NboAttrLog::kFirstRecordKind; k <= Qel::NboAttrLog::kLastRecordKind; ++k) {
+    EXPECT_STRNE(Qel::NboAttrLog::recordKindName(static_cast<RecordKind>(k)), "unknown");
+  }
+}
+
+// ---- Error paths
+
+TEST_F(RecordTest, OversizedLengthIsRefusedFromItsFourBytesAlone) {
+  EXPECT_EQ(scan(u32Bytes(1048573)),
+            "offset 1000: frame length 1048573 exceeds the limit of 1048572");
+}
+
+TEST_F(RecordTest, LargestLegalLengthWaitsForItsBytes) {
+  EXPECT_EQ(scan(u32Bytes(1048572) + std::string("\x03\x00", 2)), "0");
+}
+
+TEST_F(RecordTest, LengthShorterThanAHeaderIsRefused) {
+  EXPECT_EQ(scan(u32Bytes(7)), "offset 1000: frame length 7 is shorter than a header");
+}
+
+TEST_F(RecordTest, UnknownKindIsRefusedFromItsByte) {
+  EXPECT_EQ(scan(u32Bytes(8) + std::string("\x0a", 1)), "offset 1004: unknown record kind 10");
+  EXPECT_EQ(scan(u32Bytes(8) + std::string("\x00", 1)), "offset 1004: unknown record kind 0");
+}
+
+TEST_F(RecordTest, NonzeroFlagsAreRefused) {
+  EXPECT_EQ(scan(u32Bytes(8) + std::string("\x09\x80", 2)), "offset 1005: unknown frame flags 128");
+}
+
+TEST_F(RecordTest, HandshakeWithWrongMagicIsRefused) {
+  EXPECT_EQ(handshakeFailure(u32Bytes(0x51454C54) + std::string("\x00\x01", 2) +
+                             StreamTesting::stringBytes("x")),
+            "offset 0: bad magic 1363496020");
+}
+
+TEST_F(RecordTest, HandshakeOfAnotherVersionIsRefused) {
+  EXPECT_EQ(handshakeFailure(u32Bytes(0x51454C53) + std::string("\x00\x02", 2) +
+                             StreamTesting::stringBytes("x")),
+            "offset 4: unsupported protocol version 2 (expected 1)");
+}
+
+TEST_F(RecordTest, HandshakeWithOverlongNameIsRefused) {
+  EXPECT_EQ(handshakeFailure(u32Bytes(0x51454C53) + std::string("\x00\x01", 2) +
+                             StreamTesting::stringBytes(std::string(257, 'n'))),
+            "offset 6: peer name of 257 bytes exceeds 256");
+}
+
+TEST_F(RecordTest, HandshakeWithTrailingBytesIsRefused) {
+  EXPECT_EQ(handshakeFailure(u32Bytes(0x51454C53) + std::string("\x00\x01", 2) +
+                             StreamTesting::stringBytes("x") + "!"),
+            "offset 11: 1 trailing bytes after the last field");
+}
+
+}  // namespace

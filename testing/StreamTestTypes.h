@@ -1,0 +1,317 @@
+// Test support: two small streamed entity types and their adapters, used
+// by the stream layer's tests, fuzz target and benchmark.
+//
+//   Board   a collection `gauge` (attribute 258) of Gauges keyed by name
+//   Gauge   `value` (unsigned, 261) and `label` (string, 262); its `unit`
+//           is a constructor value, fixed at creation
+//
+// The adapters follow the pattern real types use: send at once when the
+// connection has room, otherwise mark the attribute dirty and send the
+// current value at the next flow-out; a whole-collection transfer is
+// bracketed by transaction records and resumes from a bookmark.
+#ifndef KRONLOG_TESTING_STREAMTESTTYPES_H
+#define KRONLOG_TESTING_STREAMTESTTYPES_H
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "qel/Entity.h"
+#include "qel/HashMap.h"
+#include "qel/Notifiee.h"
+#include "qel/stream/Connection.h"
+#include "qel/stream/StreamAdapter.h"
+
+namespace StreamTesting {
+
+constexpr Qel::AttributeId kGaugeAttr = 258;
+constexpr Qel::AttributeId kValueAttr = 261;
+constexpr Qel::AttributeId kLabelAttr = 262;
+
+class Gauge : public Qel::Entity {
+ public:
+  using Ptr = Qel::Ptr<Gauge>;
+  class Notifiee : public Qel::Notifiee<Gauge> {
+   public:
+    virtual void onValue() {}
+    virtual void onLabel() {}
+  };
+  static Ptr GaugeIs(const Qel::Name& name, const Qel::String& unit) {
+    return new Gauge(name, unit);
+  }
+  const Qel::String& unit() const { return unit_; }
+  unsigned value() const { return value_; }
+  const Qel::String& label() const { return label_; }
+  void valueIs(unsigned v) {
+    writeCheck();
+    if (v == value_) return;
+    value_ = v;
+    notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onValue(); });
+  }
+  void labelIs(const Qel::String& l) {
+    writeCheck();
+    if (l == label_) return;
+    label_ = l;
+    notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onLabel(); });
+  }
+  Qel::NotifieeListBase& notifieeListRef() { return notifiees_; }
+  Gauge* qelHashValue() { return this; }
+
+ private:
+  Gauge(const Qel::Name& name, const Qel::String& unit) : Entity(name), unit_(unit) {}
+  Qel::String unit_;
+  unsigned value_ = 0;
+  Qel::String label_;
+  Qel::NotifieeListBase notifiees_;
+};
+
+class Board : public Qel::Entity {
+ public:
+  using Ptr = Qel::Ptr<Board>;
+  using GaugeMap = Qel::HashMap<Gauge, Qel::Name, Gauge>;
+  class Notifiee : public Qel::Notifiee<Board> {
+   public:
+    virtual void onGauge(const Qel::Name&) {}
+  };
+  static Ptr BoardIs(const Qel::Name& name) { return new Board(name); }
+  Gauge* gauge(const Qel::Name& name) const { return gauges_[name]; }
+  std::size_t gauges() const { return gauges_.size(); }
+  GaugeMap::Iterator gaugeIter() { return gauges_.begin(); }
+  Gauge::Ptr gaugeIs(const Qel::Name& name, const Qel::String& unit) {
+    writeCheck();
+    if (Gauge* g = gauges_[name]) return g;
+    Gauge::Ptr g = Gauge::GaugeIs(name, unit);
+    gaugeAdd(g);
+    return g;
+  }
+  // Adds an existing gauge (replacing one of the same name).
+  void gaugeAdd(const Gauge::Ptr& g) {
+    writeCheck();
+    if (Gauge* old = gauges_[g->name()]) {
+      if (old == g.ptr()) return;
+      old->parentIs(nullptr);
+      gauges_.memberDel(g->name());
+    }
+    gauges_.newMember(g.ptr());
+    g->parentIs(this);
+    notify(g->name());
+  }
+  Gauge::Ptr gaugeDel(const Qel::Name& name) {
+    writeCheck();
+    Gauge::Ptr g = gauges_.memberDel(name);
+    if (g) {
+      g->parentIs(nullptr);
+      notify(name);
+    }
+    return g;
+  }
+  Qel::NotifieeListBase& notifieeListRef() { return notifiees_; }
+
+ private:
+  explicit Board(const Qel::Name& name) : Entity(name) {}
+  void notify(const Qel::Name& name) {
+    notifiees_.visitAs<Notifiee>(this, [&](Notifiee* n) { n->onGauge(name); });
+  }
+  GaugeMap gauges_;
+  Qel::NotifieeListBase notifiees_;
+};
+
+class GaugeAdapter : public Qel::StreamAdapter, public Gauge::Notifiee {
+ public:
+  static constexpr unsigned kValueDirty = 2;
+  static constexpr unsigned kLabelDirty = 4;
+
+  GaugeAdapter(Qel::Connection* c, Gauge* g) : StreamAdapter(c, g), gauge_(g) {
+    notifierIs(g);
+    dirty_ = kValueDirty | kLabelDirty;  // the first flow-out sends everything
+  }
+  const char* typeName() const override { return "StreamTesting::Gauge"; }
+  void doSerializeOrphan(Out& out) override { out.string(gauge_->unit()); }
+
+  void onValue() override { changed(kValueAttr, kValueDirty); }
+  void onLabel() override { changed(kLabelAttr, kLabelDirty); }
+
+  bool handleAttrFlowOut() override {
+    if (resumeAttr() <= kValueAttr) {
+      resumeAttrIs(kValueAttr);
+      if (dirty_ & kValueDirty) send(kValueAttr);
+      if (!mayTransmit()) return false;
+    }
+    resumeAttrIs(kLabelAttr);
+    if (dirty_ & kLabelDirty) send(kLabelAttr);
+    resumeAttrIs(0);
+    return true;
+  }
+
+  void handleAttrDeserialization(RecordKind kind, Qel::AttributeId attr, In& in) override {
+    if (kind != RecordKind::attrUpdate) in.fail("member deletion on a gauge");
+    if (attr == kValueAttr) {
+      unsigned v = in.u32();
+      in.endExpect();
+      gauge_->valueIs(v);
+    } else if (attr == kLabelAttr) {
+      Qel::String l = in.string();
+      in.endExpect();
+      gauge_->labelIs(l);
+    } else {
+      attrUnknown(attr, in);
+    }
+  }
+
+  static Qel::StreamAdapter::Ptr factory(Qel::Connection* c, const Qel::Name& name, In& in) {
+    Gauge::Ptr g = Gauge::GaugeIs(name, in.string());
+    g->readOnlyIs(c->peerName());
+    return new GaugeAdapter(c, g.ptr());
+  }
+
+  unsigned dirty() const { return dirty_; }
+
+ private:
+  void changed(Qel::AttributeId attr, unsigned bit) {
+    if (flowInAttr() == attr) return;  // applying the peer's change: no echo
+    if (mayTransmit()) {
+      send(attr);
+    } else {
+      dirty_ |= bit;
+      flowOutNeededIs();
+    }
+  }
+  void send(Qel::AttributeId attr) {
+    Out& out = recordBegin(RecordKind::attrUpdate, attr);
+    if (attr == kValueAttr) {
+      out.u32(gauge_->value());
+      dirty_ &= ~kValueDirty;
+    } else {
+      out.string(gauge_->label());
+      dirty_ &= ~kLabelDirty;
+    }
+    recordEnd();
+  }
+  Gauge* gauge_;
+  unsigned dirty_ = 0;
+};
+
+class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
+ public:
+  BoardAdapter(Qel::Connection* c, Board* b) : StreamAdapter(c, b), board_(b) {
+    notifierIs(b);
+    wholeDirty_ = true;
+  }
+  const char* typeName() const override { return "StreamTesting::Board"; }
+  void doSerializeOrphan(Out&) override {}
+
+  void onGauge(const Qel::Name& name) override {
+    if (flowInAttr() == kGaugeAttr) return;
+    if (mayTransmit() && !wholeDirty_) {
+      memberSend(name);
+    } else {
+      // Invariant: a name is queued once, so the queue is bounded by the
+      // number of distinct names, not by how often they change.
+      if (std::find(dirtyNames_.begin(), dirtyNames_.end(), name) == dirtyNames_.end()) {
+        dirtyNames_.push_back(name);
+      }
+      flowOutNeededIs();
+    }
+  }
+
+  bool handleAttrFlowOut() override {
+    if (wholeDirty_) {
+      // Whole-collection transfer, resumable at the bookmark.
+      if (!inTransfer_) {
+        transactionOpen(kGaugeAttr);
+        bookmark_ = board_->gaugeIter();
+        inTransfer_ = true;
+      }
+      for (; bookmark_; ++bookmark_) {
+        if (!mayTransmit()) return false;
+        memberSend(bookmark_->name());
+      }
+      transactionClose(kGaugeAttr);
+      inTransfer_ = false;
+      wholeDirty_ = false;
+    }
+    while (!dirtyNames_.empty()) {
+      if (!mayTransmit()) return false;
+      Qel::Name n = dirtyNames_.front();
+      dirtyNames_.erase(dirtyNames_.begin());
+      memberSend(n);
+    }
+    return true;
+  }
+
+  void handleAttrDeserialization(RecordKind kind, Qel::AttributeId attr, In& in) override {
+    if (attr != kGaugeAttr) attrUnknown(attr, in);
+    std::uint64_t keyAt = in.offset();
+    Qel::Name name(in.string());
+    if (kind == RecordKind::memberDel) {
+      in.endExpect();
+      if (!board_->gauge(name)) {
+        throw Qel::NboAttrLog::FormatException(keyAt, Qel::String("no member " + name.stdString()));
+      }
+      board_->gaugeDel(name);
+      return;
+    }
+    std::uint64_t idAt = in.offset();
+    EntityId id = in.u32();
+    in.endExpect();
+    Qel::StreamAdapter* child = connection()->adapter(id);
+    Gauge* g = child ? dynamic_cast<Gauge*>(child->entity()) : nullptr;
+    if (!g || g->name() != name || g->parent()) {
+      throw Qel::NboAttrLog::FormatException(
+          idAt, Qel::String("entity " + std::to_string(id) + " is not an orphan gauge " +
+                            name.stdString()));
+    }
+    board_->gaugeAdd(g);
+  }
+
+  static Qel::StreamAdapter::Ptr factory(Qel::Connection* c, const Qel::Name& name, In&) {
+    Board::Ptr b = Board::BoardIs(name);
+    b->readOnlyIs(c->peerName());
+    return new BoardAdapter(c, b.ptr());
+  }
+
+  std::size_t dirtyNames() const { return dirtyNames_.size(); }
+
+ private:
+  void memberSend(const Qel::Name& name) {
+    auto it = children_.find(name.stdString());
+    Gauge* g = board_->gauge(name);
+    if (!g) {
+      if (it == children_.end()) return;  // came and went while dirty
+      Out& out = recordBegin(RecordKind::memberDel, kGaugeAttr);
+      out.string(name);
+      recordEnd();
+      childAdapterDel(it->second);
+      children_.erase(it);
+      return;
+    }
+    if (it != children_.end()) {
+      if (connection()->adapter(it->second)->entity() == g) return;  // already streamed
+      childAdapterDel(it->second);
+    }
+    EntityId id = childAdapterIs(new GaugeAdapter(connection(), g));
+    children_[name.stdString()] = id;
+    Out& out = recordBegin(RecordKind::attrUpdate, kGaugeAttr);
+    out.string(name);
+    out.u32(id);
+    recordEnd();
+  }
+
+  Board* board_;
+  bool wholeDirty_ = false;
+  bool inTransfer_ = false;
+  Board::GaugeMap::Iterator bookmark_;
+  std::vector<Qel::Name> dirtyNames_;
+  std::map<std::string, EntityId> children_;
+};
+
+// Registers both types with the streamable-type registry (idempotent).
+inline void streamTestTypesRegister() {
+  Qel::streamTypeIs("StreamTesting::Gauge", &GaugeAdapter::factory);
+  Qel::streamTypeIs("StreamTesting::Board", &BoardAdapter::factory);
+}
+
+}  // namespace StreamTesting
+
+#endif  // KRONLOG_TESTING_STREAMTESTTYPES_H
