@@ -78,6 +78,18 @@ void TypeAllocator::deallocateSlow(void* p, std::size_t size) noexcept {
   std::free(p);
 }
 
+void TypeAllocator::objectPlaced() noexcept {
+  Guard guard(busy_);
+  ++allocations_;
+  ++systemAllocations_;
+  ++live_;
+}
+
+void TypeAllocator::objectGone() noexcept {
+  Guard guard(busy_);
+  --live_;
+}
+
 std::uint64_t liveObjects(const char* typeName) {
   std::uint64_t n = 0;
   for (const TypeAllocator* a : allocatorList()) {

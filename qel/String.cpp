@@ -16,7 +16,7 @@ String::String(const char* cstr) : String(cstr, cstr ? std::strlen(cstr) : 0) {}
 
 String::String(const char* data, std::size_t size) : rep_(nullptr) {
   if (size == 0) return;
-  if (size > UINT32_MAX - kOverheadBytes) throwRangeException("string too long");
+  if (size > kSizeMask - kOverheadBytes) throwRangeException("string too long");
   // One block holds the header, the bytes and a terminating NUL.
   void* block = std::malloc(offsetof(Rep, chars) + size + 1);
   if (!block) throw std::bad_alloc();
@@ -46,7 +46,73 @@ String& String::operator=(String&& o) noexcept {
 }
 
 void String::release(Rep* rep) noexcept {
+  if (rep->size & kOwnedFlag) {
+    // The owner is gone too (it held a reference): free the whole block,
+    // which starts the recorded distance before the rep.
+    std::uint32_t distance;
+    std::memcpy(&distance, reinterpret_cast<char*>(rep) - sizeof distance, sizeof distance);
+    std::free(reinterpret_cast<char*>(rep) - distance);
+    return;
+  }
   std::free(rep);
+}
+
+namespace {
+// glibc's chunks: the request plus one size word, in steps of two words.
+// Rounding the request up to what the chunk holds anyway costs nothing
+// and gives a rewrite room for longer text.
+constexpr std::size_t kChunkStep = 2 * sizeof(std::size_t);
+}  // namespace
+
+std::size_t String::ownedBlockBytes(std::size_t ownerBytes, std::size_t size) noexcept {
+  const std::size_t needed =
+      ownerBytes + sizeof(std::uint32_t) + offsetof(Rep, chars) + size + 1 + sizeof(std::size_t);
+  return (needed + kChunkStep - 1) / kChunkStep * kChunkStep - sizeof(std::size_t);
+}
+
+String String::ownedIn(void* block, std::size_t ownerBytes, const char* data, std::size_t size) {
+  if (size > kSizeMask - kOverheadBytes) throwRangeException("string too long");
+  const std::uint32_t distance = static_cast<std::uint32_t>(ownerBytes + sizeof(std::uint32_t));
+  std::memcpy(static_cast<char*>(block) + ownerBytes, &distance, sizeof distance);
+  Rep* rep = ownedRep(block, ownerBytes);
+  new (&rep->refs) std::atomic<std::uint32_t>(2);  // the owner's and the returned string's
+  rep->size = static_cast<std::uint32_t>(size) | kOwnedFlag;
+  std::memcpy(rep->chars, data, size);
+  rep->chars[size] = '\0';
+  String s;
+  s.rep_ = rep;
+  return s;
+}
+
+void String::ownerGone(void* block, std::size_t ownerBytes) noexcept {
+  String owners;
+  owners.rep_ = ownedRep(block, ownerBytes);  // adopts the owner's reference
+}
+
+bool String::ownedRewrite(const String& s, void* block, std::size_t ownerBytes, const char* data,
+                          std::size_t size) noexcept {
+  // Compare addresses before reading anything: only when `s` holds the rep
+  // at that place is the memory there known to be a rep. A rep at that
+  // address with the flag set was built in `block` itself, since two live
+  // blocks cannot start at the same address.
+  // (As integers: for an owner without such a block the place lies
+  // outside its memory.)
+  Rep* rep = s.rep_;
+  const std::uintptr_t place =
+      reinterpret_cast<std::uintptr_t>(block) + ownerBytes + sizeof(std::uint32_t);
+  if (size == 0 || reinterpret_cast<std::uintptr_t>(rep) != place || !(rep->size & kOwnedFlag)) {
+    return false;
+  }
+  // acquire: a thread that dropped its copy did so with a release
+  // decrement; its reads of the bytes happen before the overwrite below.
+  if (rep->refs.load(std::memory_order_acquire) != 2) return false;
+  const std::size_t capacity = ownedBlockBytes(ownerBytes, rep->size & kSizeMask) - ownerBytes -
+                               sizeof(std::uint32_t) - offsetof(Rep, chars) - 1;
+  if (size > capacity) return false;
+  std::memcpy(rep->chars, data, size);
+  rep->chars[size] = '\0';
+  rep->size = static_cast<std::uint32_t>(size) | kOwnedFlag;
+  return true;
 }
 
 std::ostream& operator<<(std::ostream& os, const String& s) {

@@ -1,5 +1,9 @@
 #include "kronlog/KronlogWriter.h"
 
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
 #include <ostream>
 #include <string>
 
@@ -210,27 +214,93 @@ void handleExcessiveLogEntries(Writer& writer) {
   }
 }
 
-// Applies the policy to the event about to be recorded; false drops it.
-bool isLogEntryAllowed(Writer& writer) {
+// What the policy does with the event about to be recorded.
+enum class Admission { drop, admit, evictOldest };
+
+// Applies the policy to the event about to be recorded. For evictOldest
+// the caller evicts the oldest entry and then counts the loss, in that
+// order, so that notifiees hear onLog before onOverflowCount.
+Admission isLogEntryAllowed(Writer& writer) {
   KRONLOG_TRACE(0, kFile, 55, "isLogEntryAllowed",
                 << "bool KronlogWriter::isLogEntryAllowed(KronlogWriter::Writer::Ptr)");
   const unsigned int size = writer.config().size();
   if (size == 0) {
     writer.overflowCountInc(1);
-    return false;
+    return Admission::drop;
   }
-  if (writer.logs() != size) return true;
+  if (writer.logs() != size) return Admission::admit;
   if (writer.config().overflowAction() == keepFirstEntries) {
     KRONLOG_TRACE(1, kFile, 71, "isLogEntryAllowed",
                   << "isLogEntryAllowed Queue full. WriterConfig has "
                      "overflowAction==keepFirstEntries. Dropping message.");
     writer.overflowCountInc(1);
-    return false;
+    return Admission::drop;
   }
-  writer.logEvict();
-  writer.overflowCountInc(1);
-  return true;
+  return Admission::evictOldest;
 }
+
+// A log node whose entry's message lives in the node's own heap block
+// (see Qel::String's owned blocks): what eventIs records, one allocation
+// per event, and a block that a full log reuses in place for the next
+// event when nothing but the log held it.
+//
+// Invariant: the node sits at the start of its block and is followed by
+// the message's rep; it has no members of its own, so that the rep's place
+// is the same for every node of this type.
+class WriterEventMember final : public WriterLogMember {
+ public:
+  // A new node holding `message` (not empty) stamped `timestamp`. Throws
+  // std::bad_alloc.
+  static Qel::Ptr<WriterLogMember> make(Qel::Seconds timestamp, std::string_view message) {
+    void* block = std::malloc(Qel::String::ownedBlockBytes(kOwnerBytes, message.size()));
+    if (!block) throw std::bad_alloc();
+    Qel::String text;
+    try {
+      text = Qel::String::ownedIn(block, kOwnerBytes, message.data(), message.size());
+    } catch (...) {
+      std::free(block);
+      throw;
+    }
+    WriterEventMember* m = ::new (block) WriterEventMember(LogEntry(timestamp, std::move(text)));
+    qelAllocator().objectPlaced();
+    return Qel::Ptr<WriterLogMember>(m);
+  }
+
+  // Stamps `m`, an evicted node, with the new event in place when it is
+  // such a node, nothing else holds it or its message, and the text fits
+  // its block; false, changing nothing, otherwise.
+  static bool reuse(WriterLogMember& m, Qel::Seconds timestamp, std::string_view message) {
+    if (m.references() != 1) return false;  // an iterator still stands on it
+    // acquire: pairs with the release half of the decrement of any thread
+    // that dropped its reference, so that its last reads of the node
+    // happen before the writes below.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (!Qel::String::ownedRewrite(m.entry().message(), &m, kOwnerBytes, message.data(),
+                                   message.size())) {
+      return false;
+    }
+    m.valueRef().timestampIs(timestamp);
+    return true;
+  }
+
+  // The last reference went: destroy the node, then let go of the block,
+  // which stays until the last string sharing the message goes too.
+  void zeroReferencesIs() override {
+    void* block = this;
+    this->~WriterEventMember();
+    qelAllocator().objectGone();
+    Qel::String::ownerGone(block, kOwnerBytes);
+  }
+
+ private:
+  static constexpr std::size_t kOwnerBytes = sizeof(WriterLogMember);
+  explicit WriterEventMember(LogEntry entry) noexcept : WriterLogMember(0, std::move(entry)) {}
+};
+
+static_assert(sizeof(WriterEventMember) == sizeof(WriterLogMember),
+              "the message's rep follows the node at a fixed place");
+static_assert(sizeof(WriterLogMember) % alignof(std::uint32_t) == 0,
+              "the rep after the node must be aligned for its count");
 
 }  // namespace
 
@@ -239,24 +309,41 @@ bool Writer::eventAdmitted() {
   KRONLOG_TRACE(1, kFile, 17, "eventIs",
                 << "eventIs size: " << config_.size() << " len: " << log_.members());
   handleExcessiveLogEntries(*this);
-  if (!isLogEntryAllowed(*this)) return false;
+  const Admission admission = isLogEntryAllowed(*this);
+  if (admission == Admission::drop) return false;
+  if (admission == Admission::evictOldest) {
+    evictToSpare();
+    overflowCountInc(1);
+  }
   KRONLOG_ASSERT(log_.members() < config_.size(), "len < size()");
   return true;
 }
 
-void Writer::eventAppend(Qel::String message) {
-  LogEntry entry(Qel::utcNow(), std::move(message));
-  KRONLOG_TRACE(0, kFile, 27, "eventIs",
-                << "eventIs timestamp: " << entry.timestamp() << " message: " << entry.message());
-  logEnq(std::move(entry));
+// logEvict, keeping the node for eventAppend to reuse.
+void Writer::evictToSpare() {
+  Qel::Ptr<WriterLogMember> m = log_.deq();
+  if (!m) return;
+  notify(m->index());
+  spare_ = std::move(m);
 }
 
-void Writer::eventIs(Qel::String message) {
-  if (eventAdmitted()) eventAppend(std::move(message));
+void Writer::eventAppend(std::string_view message) {
+  const Qel::Seconds now = Qel::utcNow();
+  Qel::Ptr<WriterLogMember> m = std::move(spare_);
+  if (!m || !WriterEventMember::reuse(*m, now, message)) {
+    m = message.empty() ? Qel::Ptr<WriterLogMember>(new WriterLogMember(0, LogEntry(now, {})))
+                        : WriterEventMember::make(now, message);
+  }
+  KRONLOG_TRACE(0, kFile, 27, "eventIs", << "eventIs timestamp: " << m->entry().timestamp()
+                                         << " message: " << m->entry().message());
+  // What logEnq does with a member of its own making.
+  const unsigned int index = log_.effectiveNextIndex();
+  log_.append(m.ptr());
+  notify(index);
 }
 
 void Writer::eventIs(std::string_view message) {
-  if (eventAdmitted()) eventAppend(Qel::String(message));
+  if (eventAdmitted()) eventAppend(message);
 }
 
 // ---- WriterDir

@@ -416,4 +416,90 @@ TEST_F(WriterTest, RemovedEntriesAndDroppedWritersReleaseTheirLogNodes) {
   EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer"), writers);
 }
 
+// ---- Entries that share their block with the message
+//
+// A full keep-last log reuses the evicted entry's block for the next event
+// when nothing else holds it; anything that still does must keep seeing
+// the old message.
+
+class EventBlockTest : public WriterTest {
+ protected:
+  static std::uint64_t systemNodes() { return Writer::QelLog::qelAllocator().systemAllocations(); }
+};
+
+TEST_F(EventBlockTest, MessageCopyOutlivesEvictionUnchanged) {
+  Writer::Ptr w = writer(1, keepLastEntries);
+  w->eventIs("first message");
+  const Qel::String held = w->log(0).message();
+  w->eventIs("other message");
+  w->eventIs("third message");
+  EXPECT_EQ(held, "first message");
+  EXPECT_EQ(messages(*w), Strings({"third message"}));
+}
+
+TEST_F(EventBlockTest, MessageCopyOutlivesTheWriter) {
+  Qel::String held;
+  {
+    Writer::Ptr w = writer(2, keepLastEntries);
+    w->eventIs("kept after the writer");
+    held = w->log(0).message();
+  }
+  EXPECT_EQ(held, "kept after the writer");
+  EXPECT_STREQ(held.c_str(), "kept after the writer");
+}
+
+TEST_F(EventBlockTest, IteratorOnAnEvictedEntryKeepsItsMessage) {
+  Writer::Ptr w = writer(1, keepLastEntries);
+  w->eventIs("old");
+  Writer::LogIteratorConst it = w->logIterConst();
+  w->eventIs("new");
+  EXPECT_EQ(it->entry().message(), "old");
+  EXPECT_EQ(messages(*w), Strings({"new"}));
+}
+
+TEST_F(EventBlockTest, ReplacedMessageDoesNotExposeTheBlockToReuse) {
+  Writer::Ptr w = writer(1, keepLastEntries);
+  w->eventIs("recorded");
+  const Qel::String held = w->log(0).message();
+  w->logIs(0, LogEntry(5, "replaced"));
+  w->eventIs("next event");
+  EXPECT_EQ(held, "recorded");
+  EXPECT_EQ(messages(*w), Strings({"next event"}));
+}
+
+TEST_F(EventBlockTest, LongerAndShorterMessagesAfterEvictionAreExact) {
+  Writer::Ptr w = writer(1, keepLastEntries);
+  const std::string longText(500, 'x');
+  for (const std::string& text : {std::string("ab"), longText, std::string("c"),
+                                  std::string(17, 'y'), std::string(), std::string("d")}) {
+    w->eventIs(text);
+    EXPECT_EQ(w->log(w->logMetadata().nextIndex() - 1).message().stdString(), text);
+    EXPECT_EQ(std::string(w->log(w->logMetadata().nextIndex() - 1).message().c_str()), text);
+  }
+}
+
+TEST_F(EventBlockTest, FullLogOfEqualMessagesTakesNothingFromTheSystem) {
+  Writer::Ptr w = writer(8, keepLastEntries);
+  events(*w, 10, 17);
+  const std::uint64_t before = systemNodes();
+  events(*w, 20, 99);
+  EXPECT_EQ(systemNodes(), before);
+  EXPECT_EQ(messages(*w).front(), "event 92");
+  EXPECT_EQ(w->overflowCount(), 80u);
+}
+
+TEST_F(EventBlockTest, CopiesSurviveEvictionWithThreadSafePointers) {
+  Qel::VFPtrInterface::enableThreadSafePointers = true;
+  {
+    Writer::Ptr w = writer(1, keepLastEntries);
+    w->eventIs("shared one");
+    const Qel::String held = w->log(0).message();
+    w->eventIs("shared two");
+    w->eventIs("shared three");
+    EXPECT_EQ(held, "shared one");
+    EXPECT_EQ(messages(*w), Strings({"shared three"}));
+  }
+  Qel::VFPtrInterface::enableThreadSafePointers = false;
+}
+
 }  // namespace

@@ -196,11 +196,13 @@ class KRONLOG_EXPORT Writer : public Qel::Entity,
   void logMetadataIs(const LogMetadata& value);
 
   // Records one event stamped with Qel::utcNow(), after applying the
-  // overflow policy (which may drop it or evict the oldest entry). A
-  // Qel::String is stored as it is (moved in, or shared with the caller);
-  // other text is copied once, into the stored string, and only when the
-  // policy admits the event.
-  void eventIs(Qel::String message);
+  // overflow policy (which may drop it or evict the oldest entry). The text
+  // is copied once, and only when the policy admits the event, into the
+  // block that holds the new entry: one allocation per event, none at all
+  // when the evicted entry's block can take the text and nothing else
+  // holds it. The stored message is a Qel::String like any other; copies
+  // taken from it stay valid after the entry is evicted.
+  void eventIs(const Qel::String& message) { eventIs(message.view()); }
   void eventIs(std::string_view message);
   void eventIs(const char* message) { eventIs(std::string_view(message)); }
   void eventIs(const std::string& message) { eventIs(std::string_view(message)); }
@@ -223,16 +225,21 @@ class KRONLOG_EXPORT Writer : public Qel::Entity,
 
  private:
   friend class Qel::LogAttribute<Writer, WriterLogMember, LogEntry>;
-  // The policy half of eventIs: false when the event is dropped.
+  // The policy half of eventIs: false when the event is dropped. An
+  // evicted entry is kept in spare_ for the recording half.
   bool eventAdmitted();
-  // The recording half: stamps and appends an admitted event.
-  void eventAppend(Qel::String message);
+  // The recording half: stamps and appends an admitted event, in the
+  // evicted entry's block when it can be reused.
+  void eventAppend(std::string_view message);
+  void evictToSpare();
   void logNotify(unsigned int index);
   void notifyOverflowCount();
 
   Config config_;
   unsigned int overflowCount_ = 0;
   Qel::NotifieeListBase notifiees_;
+  // Set only between eventAdmitted and eventAppend of one eventIs.
+  Qel::Ptr<WriterLogMember> spare_;
 };
 
 KRONLOG_EXPORT Qel::String valueToStrep(const Writer::LogMetadata& value);

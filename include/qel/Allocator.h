@@ -56,6 +56,12 @@ class QEL_EXPORT TypeAllocator {
     deallocateSlow(p, size);
   }
 
+  // For objects of this type that live in a block the allocator does not
+  // manage (one they share with other data): counted as allocated from the
+  // system and live from objectPlaced until objectGone.
+  void objectPlaced() noexcept;
+  void objectGone() noexcept;
+
   const char* typeName() const noexcept { return typeName_; }
   std::size_t objectSize() const noexcept { return objectSize_; }
   std::uint64_t live() const noexcept { return live_; }

@@ -34,7 +34,7 @@ class QEL_EXPORT String {
   String& operator=(const String& o) noexcept;
   String& operator=(String&& o) noexcept;
 
-  std::size_t size() const noexcept { return rep_ ? rep_->size : 0; }
+  std::size_t size() const noexcept { return rep_ ? rep_->size & kSizeMask : 0; }
   bool empty() const noexcept { return size() == 0; }
   const char* data() const noexcept { return rep_ ? rep_->chars : ""; }
   const char* c_str() const noexcept { return data(); }
@@ -47,12 +47,52 @@ class QEL_EXPORT String {
   // on top of its text (0 for the empty string).
   static constexpr std::size_t kOverheadBytes = 2 * sizeof(std::uint32_t) + 1;
 
+  // ---- Strings that share a block with their owner
+  //
+  // An object (the owner) that stores one string can hold the string's
+  // bytes in its own heap block, so that both cost one allocation:
+  //
+  //   block: [owner, ownerBytes | distance to the rep | rep: count, size, bytes, NUL]
+  //
+  // The block comes from std::malloc with ownedBlockBytes(ownerBytes,
+  // size) bytes. The rep's count includes one reference held by the owner
+  // itself; the block is freed when that reference and the last string
+  // sharing the bytes are both gone, whichever goes last (the owner's
+  // through ownerGone, a string's through its destructor). So a string
+  // taken from the owner stays valid after the owner is destroyed.
+  //
+  // Invariant: ownerBytes is a multiple of 4 and the block is aligned for
+  // the owner, so the rep that follows is aligned for its count.
+
+  // The bytes to request for a block holding an owner of `ownerBytes` and
+  // a string of `size` bytes (not 0). Rounded up to the allocator's chunk
+  // steps, so that a rewrite can use the slack (see ownedRewrite).
+  static std::size_t ownedBlockBytes(std::size_t ownerBytes, std::size_t size) noexcept;
+  // Builds the string inside `block` (ownedBlockBytes long) after the
+  // owner's bytes and returns it; the owner holds its own reference too.
+  // `size` must not be 0 (the empty string owns no block).
+  static String ownedIn(void* block, std::size_t ownerBytes, const char* data, std::size_t size);
+  // The owner lets go of its reference; frees the block when no string
+  // shares the bytes any more. The owner must already be destroyed.
+  static void ownerGone(void* block, std::size_t ownerBytes) noexcept;
+  // Overwrites the bytes of `s` in place with `size` bytes of `data`, when
+  // `s` is the string built in `block` and nothing but `s` and the owner
+  // holds it, and the new bytes fit; false, changing nothing, otherwise.
+  // The caller guarantees that no other thread can reach `s` or the owner.
+  static bool ownedRewrite(const String& s, void* block, std::size_t ownerBytes, const char* data,
+                           std::size_t size) noexcept;
+
  private:
   struct Rep {
     std::atomic<std::uint32_t> refs;
-    std::uint32_t size;
+    std::uint32_t size;  // the length, with kOwnedFlag set in an owner's block
     char chars[1];
   };
+  static constexpr std::uint32_t kOwnedFlag = 0x80000000u;
+  static constexpr std::uint32_t kSizeMask = ~kOwnedFlag;
+  static Rep* ownedRep(void* block, std::size_t ownerBytes) noexcept {
+    return reinterpret_cast<Rep*>(static_cast<char*>(block) + ownerBytes + sizeof(std::uint32_t));
+  }
   // Inline: strings are copied and dropped on every recorded event. The
   // counting rules are PtrInterface's (see Ptr.h).
   void newRef() const noexcept {
