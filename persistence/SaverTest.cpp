@@ -10,9 +10,9 @@
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogSaver.h"
 #include "kronlog/KronlogWriter.h"
-#include "persistence/PersistenceTestSupport.h"
 #include "qel/Dir.h"
 #include "qel/Type.h"
+#include "testing/PersistenceTest.h"
 
 namespace KronlogTest {
 namespace {
@@ -102,6 +102,33 @@ TEST_F(SaverTest, NothingReadKeepsTheEarlierStore) {
     EXPECT_EQ(tracesOf("KronlogSaver"),
               (std::vector<Seen>{saverTrace(19), saverTrace(31, " No events to save.")}));
     EXPECT_TRUE(tracesOf("KronlogStore").empty());
+    EXPECT_EQ(readStoreFile(), earlier);
+  }
+}
+
+// The saver reports a pattern the reader cannot compile, names it, and
+// keeps the earlier store; nothing escapes to the agent.
+TEST_F(SaverTest, ABadPatternIsTracedByNameAndKeepsTheEarlierStore) {
+  event("A", "g", 1, "m");
+  store({{"kept", "g", 1, "kept"}});
+  const std::string earlier = readStoreFile();
+  const std::pair<std::function<void(KronlogReader::Config&)>, std::string> cases[] = {
+      {[](auto& c) { c.agentPatternIs("Bgp("); }, " Bad agentPattern 'Bgp(': "},
+      {[](auto& c) { c.messageGroupPatternIs("[peer"); }, " Bad messageGroupPattern '[peer': "},
+  };
+  for (const auto& [configure, text] : cases) {
+    SCOPED_TRACE(text);
+    KronlogReader::Config::Ptr config = KronlogReader::configFactory();
+    config->dirIs(agents_);
+    configure(*config);
+    clearTraces();
+    EXPECT_TRUE(KronlogSaver::saverFactory(config)->initialized());
+    const std::vector<Seen> seen = tracesOf("KronlogSaver");
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0], saverTrace(19));
+    EXPECT_EQ(seen[1].line, 26);
+    EXPECT_EQ(seen[1].text.rfind(kDoSave + text, 0), 0u) << seen[1].text;
+    EXPECT_EQ(seen[1].text.substr(seen[1].text.size() - 16), "; nothing saved.");
     EXPECT_EQ(readStoreFile(), earlier);
   }
 }

@@ -58,6 +58,13 @@ class JsonPart {
   std::vector<std::size_t> removed_;  // positions in text_ where a line feed was
 };
 
+// A string stream that the parser advances in place, also while it reads a
+// string or a number (RapidJSON works on a copy of a plain string stream
+// then), so that its position is the end of each token as it is reported.
+struct TrackedStream : rapidjson::StringStream {
+  using rapidjson::StringStream::StringStream;
+};
+
 // Checks syntax and nesting only; the walk below runs on a text that parses.
 struct DepthCheck : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, DepthCheck> {
   std::size_t depth = 0;
@@ -81,7 +88,7 @@ constexpr const char* kMemberNames[] = {"agentName", "messageGroup", "timestamp"
 // would end the process.
 class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
  public:
-  Walker(const JsonPart& part, const rapidjson::StringStream& stream, KronlogReader::Status& into,
+  Walker(const JsonPart& part, const TrackedStream& stream, KronlogReader::Status& into,
          Tracing tracing, StoreReading& reading)
       : part_(part), stream_(stream), into_(into), tracing_(tracing), reading_(reading) {}
 
@@ -90,7 +97,7 @@ class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
   bool EndObject(Json::SizeType) { return end(); }
   bool EndArray(Json::SizeType) { return end(); }
   bool Key(const char* text, Json::SizeType length, bool) {
-    markToken();
+    markToken(false);
     if (state_ == State::rootKeys) {
       const bool events = !eventsFound_ && std::string_view(text, length) == kTopKey;
       if (events) {
@@ -166,14 +173,15 @@ class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
     finished,     // after the root
   };
 
-  // Where the current token starts: the parser reports a token once it has
-  // read it, so this scans from the end of the one before.
-  void markToken() {
+  // Where the current token starts, scanning from the end of the one
+  // before: the parser reports a string or a number once it has read it,
+  // but a bracket before it takes it.
+  void markToken(bool bracket) {
     std::size_t at = tokenEnd_;
     const std::string& text = part_.text();
-    while (at < text.size() && std::strchr(" \t\r,:", text[at]) && text[at] != '\0') ++at;
+    while (at < text.size() && text[at] != '\0' && std::strchr(" \t\r,:", text[at])) ++at;
     tokenAt_ = at;
-    tokenEnd_ = stream_.Tell();
+    tokenEnd_ = bracket ? at + 1 : stream_.Tell();
   }
   std::string where() const { return "event " + std::to_string(element_); }
 
@@ -186,9 +194,9 @@ class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
   }
 
   bool begin(Kind kind) {
-    markToken();
-    valueAt_ = tokenAt_;
     const bool container = kind == Kind::object || kind == Kind::array;
+    markToken(container);
+    valueAt_ = tokenAt_;
     if (skipping_ > 0) {
       skipping_ += container ? 1 : 0;
       return true;
@@ -276,7 +284,7 @@ class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
   }
 
   bool end() {
-    markToken();
+    markToken(true);
     if (skipping_ > 0) {
       if (--skipping_ == 0) {
         state_ = afterSkip_;
@@ -313,7 +321,7 @@ class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
   }
 
   const JsonPart& part_;
-  const rapidjson::StringStream& stream_;
+  const TrackedStream& stream_;
   KronlogReader::Status& into_;
   const Tracing tracing_;
   StoreReading& reading_;
@@ -404,7 +412,7 @@ class Reading {
   }
 
   void walk(const JsonPart& part) {
-    rapidjson::StringStream stream(part.text().c_str());
+    TrackedStream stream(part.text().c_str());
     Walker walker(part, stream, into_, tracing_, reading_);
     Json::Reader reader;
     if (reader.Parse<kParseFlags>(stream, walker)) walker.finish();
