@@ -477,6 +477,96 @@ TEST_F(ToolTest, RelativeTimesCountBackFromNow) {
   EXPECT_EQ(r.out, "2033-05-18T03:33:20.000000Z A g future\n");
 }
 
+// ---- what operators reach for, combined where faults hide
+
+class ShowOptionsTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    ToolTest::SetUp();
+    writeStore("a", {event(10, "Bgp", "peer", "peer down"), event(20, "Ospf", "adj", "adj up"),
+                     event(30, "Bgp", "route", "route add"), event(40, "bgp", "Peer", "PEER UP"),
+                     event(50, "Lldp", "nbr", "neighbor seen")});
+    writeStore("b", {event(15, "Stp", "port", "port blocked"), event(30, "Stp", "port", "port up"),
+                     event(60, "Stp", "port", "port forwarding")});
+  }
+  std::string cat(std::vector<std::string> args) {
+    args.insert(args.begin(), {"show", "--store", path("a"), "-o", "cat"});
+    Result r = kronlog(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.out;
+  }
+};
+
+TEST_F(ShowOptionsTest, LinesReverseAndFiltersCombine) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"-n", "2"}, "PEER UP\nneighbor seen\n"},
+      {{"-r"}, "neighbor seen\nPEER UP\nroute add\nadj up\npeer down\n"},
+      {{"-n", "2", "-r"}, "neighbor seen\nPEER UP\n"},
+      {{"-rn2", "--agent", "Bgp"}, "route add\npeer down\n"},
+      {{"--lines", "1", "--until", "35"}, "route add\n"},
+      {{"-n", "0"}, ""},
+      {{"--agent", "Bgp", "--agent", "Lldp"}, "peer down\nroute add\nneighbor seen\n"},
+      {{"--agent", "bgp", "-i"}, "peer down\nroute add\nPEER UP\n"},
+      {{"--group", "peer", "-i", "-n", "1"}, "PEER UP\n"},
+      {{"-g", "up"}, "adj up\n"},
+      {{"-ig", "up$", "-r"}, "PEER UP\nadj up\n"},
+      {{"-g", "o", "--agent", "Bgp|Ospf", "--group", "adj|route"}, "route add\n"},
+  };
+  for (const auto& [args, out] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(args));
+    EXPECT_EQ(cat(args), out);
+  }
+}
+
+TEST_F(ShowOptionsTest, SeveralStoresMergeByTimeWithinAWindow) {
+  Result r = kronlog({"show", "--store", path("a"), "--store", path("b"), "--since", "15",
+                      "--until", "50", "-o", "cat"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  // At 30 the first store's event comes first, as the stores were given.
+  EXPECT_EQ(r.out, "port blocked\nadj up\nroute add\nport up\nPEER UP\nneighbor seen\n");
+  Result fromStdin = kronlog({"show", "--store", path("b"), "--store", "-", "-n", "2", "-o", "cat"},
+                             RunWith::stdinFrom(path("a")));
+  EXPECT_EQ(fromStdin.out, "neighbor seen\nport forwarding\n");
+}
+
+TEST_F(ShowOptionsTest, OneBrokenStoreAmongSeveralIsReportedAndTheOthersShown) {
+  writeFile("broken", "FORMAT: XML\n");
+  Result r = kronlog({"show", "--store", path("b"), "--store", path("broken"), "-o", "cat"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "port blocked\nport up\nport forwarding\n");
+  EXPECT_EQ(lines(r.err), 1u) << r.err;
+}
+
+TEST_F(ShowOptionsTest, FieldsAndLocalTime) {
+  const RunWith berlin = RunWith::withEnv({"TZ=Europe/Berlin"});
+  Result r = kronlog({"show", "--store", path("a"), "-n", "1", "--localtime"}, berlin);
+  EXPECT_EQ(r.out, "1970-01-01T01:00:50.000000+01:00 Lldp nbr neighbor seen\n");
+  r = kronlog({"show", "--store", path("a"), "-n", "1", "--fields", "group,time"}, berlin);
+  EXPECT_EQ(r.out, "nbr 1970-01-01T00:00:50.000000Z\n");
+}
+
+TEST_F(ShowOptionsTest, TimesAsPeopleTypeThem) {
+  writeStore("t", {event(1795255200 - 86400, "A", "g", "the day before"),
+                   event(1795255200, "A", "g", "at ten UTC"),
+                   event(1795255200 + 3600, "A", "g", "an hour later")});
+  const RunWith berlin = RunWith::withEnv({"TZ=Europe/Berlin"});
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"--since", "2026-11-21 11:00"}, "at ten UTC\nan hour later\n"},
+      {{"--since", "2026-11-21T11:00:00+02:00"}, "at ten UTC\nan hour later\n"},
+      {{"--until", "2026-11-21T10:59:59Z"}, "the day before\nat ten UTC\n"},
+      {{"--since", "2026-11-21", "--until", "2026-11-21 11:00"}, "at ten UTC\n"},
+      {{"--since", "yesterday"}, ""},
+  };
+  for (const auto& [args, out] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(args));
+    std::vector<std::string> all = {"show", "--store", path("t"), "-o", "cat"};
+    all.insert(all.end(), args.begin(), args.end());
+    Result r = kronlog(all, berlin);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, out);
+  }
+}
+
 // ---- the demo
 
 TEST_F(ToolTest, DemoRunsEndToEndAndLeavesARestorableStore) {
