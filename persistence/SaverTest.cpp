@@ -46,6 +46,15 @@ class SaverTest : public PersistenceTest {
   }
 
   KronlogSaver::Saver::Ptr save() { return KronlogSaver::saverFactory(config_); }
+  // Saves over a fresh configuration of the same directory, changed by
+  // `configure`, with the traces cleared first.
+  KronlogSaver::Saver::Ptr saveWith(const std::function<void(KronlogReader::Config&)>& configure) {
+    KronlogReader::Config::Ptr config = KronlogReader::configFactory();
+    config->dirIs(agents_);
+    configure(*config);
+    clearTraces();
+    return KronlogSaver::saverFactory(config);
+  }
 
   Qel::Dir::Ptr agents_;
   KronlogReader::Config::Ptr config_;
@@ -94,11 +103,7 @@ TEST_F(SaverTest, NothingReadKeepsTheEarlierStore) {
   };
   for (const auto& [name, configure] : cases) {
     SCOPED_TRACE(name);
-    KronlogReader::Config::Ptr config = KronlogReader::configFactory();
-    config->dirIs(agents_);
-    configure(*config);
-    clearTraces();
-    EXPECT_TRUE(KronlogSaver::saverFactory(config)->initialized());
+    EXPECT_TRUE(saveWith(configure)->initialized());
     EXPECT_EQ(tracesOf("KronlogSaver"),
               (std::vector<Seen>{saverTrace(19), saverTrace(31, " No events to save.")}));
     EXPECT_TRUE(tracesOf("KronlogStore").empty());
@@ -118,11 +123,7 @@ TEST_F(SaverTest, ABadPatternIsTracedByNameAndKeepsTheEarlierStore) {
   };
   for (const auto& [configure, text] : cases) {
     SCOPED_TRACE(text);
-    KronlogReader::Config::Ptr config = KronlogReader::configFactory();
-    config->dirIs(agents_);
-    configure(*config);
-    clearTraces();
-    EXPECT_TRUE(KronlogSaver::saverFactory(config)->initialized());
+    EXPECT_TRUE(saveWith(configure)->initialized());
     const std::vector<Seen> seen = tracesOf("KronlogSaver");
     ASSERT_EQ(seen.size(), 2u);
     EXPECT_EQ(seen[0], saverTrace(19));

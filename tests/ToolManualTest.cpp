@@ -8,18 +8,13 @@
 #include <sstream>
 #include <string>
 
+#include "testing/Command.h"
 #include "testing/TempDir.h"
 
 namespace {
 
 std::string output(const std::string& command) {
-  std::string out;
-  if (FILE* p = ::popen(command.c_str(), "r")) {
-    char chunk[4096];
-    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, p)) > 0;) out.append(chunk, n);
-    ::pclose(p);
-  }
-  return out;
+  return KronlogTesting::commandOutput(command);
 }
 
 std::set<std::string> optionsIn(const std::string& text, const std::regex& line) {

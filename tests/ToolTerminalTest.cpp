@@ -10,19 +10,14 @@
 #include <thread>
 #include <vector>
 
+#include "testing/Command.h"
 #include "testing/StoreFiles.h"
 #include "testing/TempDir.h"
 
 namespace {
 
 std::string run(const std::string& command) {
-  std::string out;
-  if (FILE* p = ::popen(command.c_str(), "r")) {
-    char chunk[4096];
-    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, p)) > 0;) out.append(chunk, n);
-    ::pclose(p);
-  }
-  return out;
+  return KronlogTesting::commandOutput(command);
 }
 
 class ToolTerminalTest : public ::testing::Test {

@@ -43,21 +43,8 @@ const std::vector<OptionSpec> kShowOptions = {
 
 const std::vector<OptionSpec> kCheckOptions = {{"store", 0, true, false}};
 
-int usageError(const char* command, const std::string& message) {
-  std::fprintf(stderr, "kronlog %s: %s (try 'kronlog %s --help')\n", command,
-               escapeForTerminal(message).c_str(), command);
-  return kExitUsage;
-}
-
 void dataError(const char* command, const std::string& message) {
   std::fprintf(stderr, "kronlog %s: %s\n", command, escapeForTerminal(message).c_str());
-}
-
-bool wantsHelp(const Args& args) {
-  for (const std::string& a : args) {
-    if (a == "--help" || a == "-h") return true;
-  }
-  return false;
 }
 
 // Why a store cannot even be read, in words that say what to do; empty when
@@ -109,13 +96,27 @@ bool colourWanted(const Options& options) {
 
 }  // namespace
 
-int showCommand(const Args& args) {
-  if (wantsHelp(args)) {
-    std::fputs(kShowUsage, stdout);
-    return kExitOk;
+int usageError(const char* command, const std::string& message) {
+  std::fprintf(stderr, "kronlog %s: %s (try 'kronlog %s --help')\n", command,
+               escapeForTerminal(message).c_str(), command);
+  return kExitUsage;
+}
+
+int startCommand(const char* command, const char* usage, const Args& args, Options& options) {
+  for (const std::string& a : args) {
+    if (a == "--help" || a == "-h") {
+      std::fputs(usage, stdout);
+      return kExitOk;
+    }
   }
+  return options.parse(args) ? -1 : usageError(command, options.error());
+}
+
+int showCommand(const Args& args) {
   Options options(kShowOptions);
-  if (!options.parse(args)) return usageError("show", options.error());
+  if (const int status = startCommand("show", kShowUsage, args, options); status >= 0) {
+    return status;
+  }
 
   Filter filter;
   filter.agents = options.values("agent");
@@ -195,12 +196,10 @@ int showCommand(const Args& args) {
 }
 
 int checkCommand(const Args& args) {
-  if (wantsHelp(args)) {
-    std::fputs(kCheckUsage, stdout);
-    return kExitOk;
-  }
   Options options(kCheckOptions);
-  if (!options.parse(args)) return usageError("check", options.error());
+  if (const int status = startCommand("check", kCheckUsage, args, options); status >= 0) {
+    return status;
+  }
   const std::string path = options.value("store", KronlogStore::storeFilePath());
   if (const std::string why = unreadableStore(path, options.has("store")); !why.empty()) {
     dataError("check", why);

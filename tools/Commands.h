@@ -16,6 +16,14 @@ constexpr int kExitData = 1;
 constexpr int kExitUsage = 2;
 
 using Args = std::vector<std::string>;
+class Options;
+
+// Prints `usage` when the arguments ask for help, else parses them into
+// `options`. The exit status to end with (0 after help, 2 after a usage
+// error, which it reports), or -1 to go on.
+int startCommand(const char* command, const char* usage, const Args& args, Options& options);
+// Reports a usage error of `command` on stderr; returns 2.
+int usageError(const char* command, const std::string& message);
 
 int showCommand(const Args& args);
 int checkCommand(const Args& args);

@@ -179,17 +179,9 @@ int demoRestoreCommand(const Args&) {
 }
 
 int demoCommand(const Args& args) {
-  for (const std::string& a : args) {
-    if (a == "--help" || a == "-h") {
-      std::fputs(kDemoUsage, stdout);
-      return kExitOk;
-    }
-  }
   Options options({{"store", 0, true, false}});
-  if (!options.parse(args)) {
-    std::fprintf(stderr, "kronlog demo: %s (try 'kronlog demo --help')\n",
-                 escapeForTerminal(options.error()).c_str());
-    return kExitUsage;
+  if (const int status = startCommand("demo", kDemoUsage, args, options); status >= 0) {
+    return status;
   }
   const std::string store = options.value("store", "kronlog-demo-store");
   ::unlink(store.c_str());

@@ -8,11 +8,10 @@
 
 namespace KronlogTool {
 
+// Owns the pager process and the pipe to it: not copied, waited for at the
+// end of its scope.
 class Pager {
  public:
-  Pager() = default;
-  Pager(const Pager&) = delete;
-  Pager& operator=(const Pager&) = delete;
   ~Pager() { wait(); }
 
   // Starts the pager, its standard input a pipe whose write end is returned;
@@ -25,6 +24,11 @@ class Pager {
  private:
   pid_t pid_ = -1;
   int fd_ = -1;
+
+ public:
+  Pager() = default;
+  Pager(const Pager&) = delete;
+  Pager& operator=(const Pager&) = delete;
 };
 
 }  // namespace KronlogTool
