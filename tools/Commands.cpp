@@ -66,6 +66,10 @@ std::string unreadableStore(const std::string& path, bool givenByUser) {
   return "";
 }
 
+std::string displayName(const LoadedStore& store) {
+  return store.name == "-" ? "standard input" : store.name;
+}
+
 // One line per problem: the store, the byte offset, the reason.
 void reportProblem(const char* command, const LoadedStore& store,
                    const KronlogStore::StoreProblem& p) {
@@ -73,8 +77,7 @@ void reportProblem(const char* command, const LoadedStore& store,
     dataError(command, p.text);
     return;
   }
-  const std::string name = store.name == "-" ? "standard input" : store.name;
-  dataError(command, name + ", byte " + std::to_string(p.offset) + ": " + p.text);
+  dataError(command, displayName(store) + ", byte " + std::to_string(p.offset) + ": " + p.text);
 }
 
 bool parseLines(const std::string& text, long long* out) {
@@ -218,7 +221,7 @@ int checkCommand(const Args& args) {
   }
   char line[160];
   std::snprintf(line, sizeof line, ": %zu events, %zu entries on restore\n", r.events, r.entries);
-  out.write(escapeForTerminal(path == "-" ? "standard input" : path) + line);
+  out.write(escapeForTerminal(displayName(store)) + line);
   for (const auto& [names, count] : perGroup) {
     std::snprintf(line, sizeof line, "  %-24s %-24s %zu\n", escapeForTerminal(names.first).c_str(),
                   escapeForTerminal(names.second).c_str(), count);
@@ -236,13 +239,15 @@ int checkCommand(const Args& args) {
   if (r.complete()) return kExitOk;
   for (const KronlogStore::StoreProblem& p : r.problems) reportProblem("check", store, p);
   if (const char* check = r.fatalCheck()) {
-    dataError("check",
-              store.name + ": a restore would end the process (its check " + check + " fails)");
+    dataError("check", displayName(store) + ": a restore would end the process (its check " +
+                           check + " fails)");
   } else if (r.problems.size() == 1 &&
              r.problems.front().fault == KronlogStore::StoreFault::restorerNeverEnds) {
-    dataError("check", store.name + ": a restore would never finish; use kronlog show to read it");
+    dataError("check",
+              displayName(store) + ": a restore would never finish; use kronlog show to read it");
   } else {
-    dataError("check", store.name + ": a restore would not bring back every event as stored");
+    dataError("check",
+              displayName(store) + ": a restore would not bring back every event as stored");
   }
   return kExitData;
 }

@@ -2,12 +2,11 @@
 // grouped forms, time arguments in every form people type, output modes
 // and field lists. Each kind is a table of cases.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <time.h>
 
 #include <string>
 #include <vector>
 
+#include "testing/TimeZone.h"
 #include "tools/Options.h"
 #include "tools/Output.h"
 #include "tools/TimeArg.h"
@@ -63,19 +62,7 @@ TEST(OptionsTest, FormsRepeatsAndErrors) {
 // summer time, so that offsets are not all zero.
 class TimeArgTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* old = getenv("TZ");
-    saved_ = old ? old : "";
-    hadTz_ = old != nullptr;
-    setenv("TZ", "Europe/Berlin", 1);
-    tzset();
-  }
-  void TearDown() override {
-    hadTz_ ? setenv("TZ", saved_.c_str(), 1) : unsetenv("TZ");
-    tzset();
-  }
-  std::string saved_;
-  bool hadTz_ = false;
+  KronlogTesting::ScopedTimeZone berlin_{"Europe/Berlin"};
 };
 
 // 2026-11-21T10:00:00Z
