@@ -162,17 +162,20 @@ std::string formatTime(double seconds, bool local) {
   }
   struct tm tm;
   if (!(local ? localtime_r(&secs, &tm) : gmtime_r(&secs, &tm))) return std::to_string(seconds);
-  char zone[48] = "Z";
+  std::string zone = "Z";
   if (local) {
     const long offset = tm.tm_gmtoff;
     const long magnitude = offset < 0 ? -offset : offset;
-    std::snprintf(zone, sizeof zone, "%c%02ld:%02ld", offset < 0 ? '-' : '+', magnitude / 3600,
-                  magnitude % 3600 / 60);
+    const auto twoDigits = [](long v) {
+      return std::string(v < 10 ? "0" : "") + std::to_string(v);
+    };
+    zone = (offset < 0 ? "-" : "+") + twoDigits(magnitude / 3600) + ":" +
+           twoDigits(magnitude % 3600 / 60);
   }
-  char buf[80];
-  std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%06lld%s", tm.tm_year + 1900,
-                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, micros, zone);
-  return buf;
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%06lld", tm.tm_year + 1900,
+                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, micros);
+  return buf + zone;
 }
 
 }  // namespace KronlogTool
