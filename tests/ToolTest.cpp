@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -60,6 +61,19 @@ std::string slurp(const std::string& path) {
   return KronlogTesting::readFile(path);
 }
 
+// Waits for `pid`, killing it after a minute: a tool that hangs (on a FIFO
+// it opens twice, say) fails its test instead of stalling the suite.
+bool waitWithin(pid_t pid, int* status) {
+  for (int tenths = 0; tenths < 600; ++tenths) {
+    const pid_t done = waitpid(pid, status, WNOHANG);
+    if (done == pid) return true;
+    if (done < 0) return false;
+    ::usleep(100 * 1000);
+  }
+  ::kill(pid, SIGKILL);
+  return waitpid(pid, status, 0) == pid;
+}
+
 class ToolTest : public ::testing::Test {
  protected:
   void SetUp() override { unsetenv("KRONLOG_STORE_FILE_PATH"); }
@@ -109,7 +123,7 @@ class ToolTest : public ::testing::Test {
       ::close(pipeFds[1]);
     }
     int status = 0;
-    if (rc != 0 || waitpid(pid, &status, 0) != pid) return result;
+    if (rc != 0 || !waitWithin(pid, &status)) return result;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     result.out = run.stdoutPath.empty() && !run.stdoutClosedPipe ? slurp(path("out")) : "";
     result.err = slurp(path("err"));
@@ -329,8 +343,11 @@ TEST_F(ToolTest, ShowReadsAFifoOnce) {
     ::_exit(ok ? 0 : 1);
   }
   Result r = kronlog({"show", "--store", path("fifo"), "--output", "cat"});
+  // A tool that never opened the FIFO leaves the writer waiting for a reader.
+  const int unblock = ::open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK);
   int status = 0;
   ::waitpid(writer, &status, 0);
+  ::close(unblock);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "through a fifo\n");
 }
