@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "persistence/PersistenceTestSupport.h"
+#include "testing/PersistenceTest.h"
 
 namespace KronlogTest {
 namespace {

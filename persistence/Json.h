@@ -1,8 +1,7 @@
-// RapidJSON as the store uses it. Its checks stay on in every build type:
-// a store file whose JSON has the wrong shape must end the process with the
-// failed condition ("IsObject()", "IsArray()", "IsString()", "IsNumber()"),
-// never be read on silently. Every file of the library includes RapidJSON
-// through this header only, so the checks are the same everywhere.
+// RapidJSON as the whole tree uses it: this is its one configuration, and
+// every file that needs RapidJSON includes it through this header only.
+// The library's checks stay on in every build type: a failed one ends the
+// process with the condition ("IsObject()", ...) rather than read on.
 #ifndef KRONLOG_PERSISTENCE_JSON_H
 #define KRONLOG_PERSISTENCE_JSON_H
 
@@ -16,14 +15,18 @@
                : ::Kronlog::assertionFailed(#condition, __FILE__, __LINE__, __func__))
 
 #include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 namespace Json {
 using Buffer = rapidjson::StringBuffer;
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+using Reader = rapidjson::Reader;
 using Document = rapidjson::Document;
 using Value = rapidjson::Value;
+using SizeType = rapidjson::SizeType;
 }  // namespace Json
 
 #endif  // KRONLOG_PERSISTENCE_JSON_H

@@ -89,7 +89,7 @@ void Restorer::doRestore() {
     // The position counter is deliberately 8 bits wide (see the header): a
     // log of 256 or more entries makes it wrap while the count is still
     // greater, and the walk starts over.
-    std::uint8_t position = 0;
+    Position position = 0;
     do {
       const KronlogReader::LogEntry::Ptr entry = status->log(position);
       KRONLOG_ASSERT(entry, "entry");

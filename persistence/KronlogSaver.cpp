@@ -1,5 +1,7 @@
 #include "kronlog/KronlogSaver.h"
 
+#include <regex>
+
 #include "kronlog/KronlogStore.h"
 #include "qel/Exception.h"
 #include "qel/Type.h"
@@ -12,6 +14,15 @@ namespace KronlogSaver {
 namespace {
 constexpr char kFile[] = "KronlogSaver";
 constexpr char kDoSave[] = "void KronlogSaver::Saver::doSave()";
+
+bool compiles(const Qel::String& pattern) {
+  try {
+    std::regex(pattern.data(), pattern.size(), std::regex::ECMAScript);
+    return true;
+  } catch (const std::regex_error&) {
+    return false;
+  }
+}
 }  // namespace
 
 QEL_TRACKED_ALLOCATION_DEFINE(Saver, "KronlogSaver::Saver")
@@ -41,7 +52,18 @@ void Saver::doSave() {
     return;
   }
   KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
-  KronlogReader::readerFactory(config_, status);  // reads at construction
+  try {
+    KronlogReader::readerFactory(config_, status);  // reads at construction
+  } catch (const std::regex_error& e) {
+    // The reader compiles its patterns only now; say which one is bad.
+    const Qel::String& agent = config_->agentPattern();
+    const bool agentBad = !compiles(agent);
+    KRONLOG_TRACE(0, kFile, 26, "doSave",
+                  << kDoSave << " Bad " << (agentBad ? "agentPattern" : "messageGroupPattern")
+                  << " '" << (agentBad ? agent : config_->messageGroupPattern())
+                  << "': " << e.what() << "; nothing saved.");
+    return;
+  }
   if (status->logs() == 0) {
     // An earlier store file is kept, not emptied.
     KRONLOG_TRACE(0, kFile, 31, "doSave", << kDoSave << " No events to save.");

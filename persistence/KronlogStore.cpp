@@ -9,7 +9,9 @@
 #include <string_view>
 
 #include "persistence/AtomicFile.h"
+#include "persistence/EntryJson.h"
 #include "persistence/Json.h"
+#include "persistence/StoreReader.h"
 #include "qel/Exception.h"
 #include "qel/Type.h"
 #include "support/Assert.h"
@@ -19,25 +21,24 @@ KRONLOG_TRACE_HANDLE()
 
 namespace KronlogStore {
 
-namespace {
-
-constexpr char kFile[] = "KronlogStore";
-
 // Text constants of the file format, built once when the library loads.
 const std::string kPathVariable = "KRONLOG_STORE_FILE_PATH";
 const std::string kFormatPrefix = "FORMAT: ";
 const std::string kVersionPrefix = "VERSION: ";
 const std::string kTopKey = "Kronlog";
 
+namespace {
+
+constexpr char kFile[] = "KronlogStore";
+
 const char kStoreDoStore[] = "virtual void KronlogStore::Store::doStore()";
 const char kStoreDoRestore[] = "virtual void KronlogStore::Store::doRestore()";
 const char kJsonDoStore[] = "virtual void KronlogStore::JsonStore::doStore()";
 const char kJsonDoRestore[] = "virtual void KronlogStore::JsonStore::doRestore()";
 
-// The store file's path: the environment variable when it is set (even to
-// the empty string, which then fails to open), else `defaultPath`. Read
-// anew at every call. The result points into the environment or into
-// `defaultPath`, which the caller keeps alive.
+// The path rule of storeFilePath(), as the store operations use it: the
+// result points into the environment or into `defaultPath`, which the
+// caller keeps alive.
 const char* getStoreFilePath(const Qel::String& defaultPath) {
   const char* path = std::getenv(kPathVariable.c_str());
   if (!path) path = defaultPath.c_str();
@@ -47,11 +48,12 @@ const char* getStoreFilePath(const Qel::String& defaultPath) {
   return path;
 }
 
-bool nameIs(const Json::Value& name, const char* expected, std::size_t length) {
-  return name.GetStringLength() == length && std::memcmp(name.GetString(), expected, length) == 0;
-}
-
 }  // namespace
+
+std::string storeFilePath() {
+  const char* path = std::getenv(kPathVariable.c_str());
+  return path ? std::string(path) : Store::klStoreFile().stdString();
+}
 
 // ---- Store
 
@@ -153,16 +155,7 @@ void JsonStore::doStore() {
                     << entry->agentName() << " messageGroup: " << entry->messageGroup());
       continue;
     }
-    writer.StartObject();
-    writer.Key("timestamp");
-    writer.Double(entry->timestamp());
-    writer.Key("agentName");
-    writer.String(entry->agentName().c_str());  // cut at the first NUL
-    writer.Key("messageGroup");
-    writer.String(entry->messageGroup().c_str());
-    writer.Key("message");
-    writer.String(entry->message().c_str());
-    writer.EndObject();
+    writeEntryJson(writer, *entry, TextForm::stored);
   }
   writer.EndArray();
   writer.EndObject();
@@ -178,106 +171,19 @@ void JsonStore::doRestore() {
   KRONLOG_TRACE(0, kFile, 96, "doRestore", << kJsonDoRestore);
   const Qel::String defaultPath = klStoreFile();
   const char* path = getStoreFilePath(defaultPath);
-  std::ifstream file(path, std::ios::in | std::ios::binary);
-  if (!file.is_open()) {
+  // Read whole and once: the path may name a FIFO or a device.
+  std::string bytes;
+  bool opened = false;
+  readWholeFile(path, &bytes, &opened);
+  if (!opened) {
     KRONLOG_TRACE(0, kFile, 102, "doRestore", << kJsonDoRestore << " Could not open " << path);
     return;
   }
-  std::string format, version;
-  std::getline(file, format);
-  std::getline(file, version);
-  // The prefixes are removed by length, without being compared.
-  format.erase(0, kFormatPrefix.size());
-  version.erase(0, kVersionPrefix.size());
-  if (format != storeFormat().view()) {
-    KRONLOG_TRACE(0, kFile, 115, "doRestore", << kJsonDoRestore << " store format error, expected: "
-                                              << storeFormat() << " actual: " << format);
-    return;
-  }
-  if (version != storeVersion().view()) {
-    KRONLOG_TRACE(0, kFile, 120, "doRestore",
-                  << kJsonDoRestore << " store version is different, reader: " << storeVersion()
-                  << " store file: " << version);
-  }
-  // The remaining lines joined without separators: the rest of the file in
-  // one piece, less its line feeds (reading it line by line copies every
-  // byte twice more). Where the rest's size can be known (not for a FIFO or
-  // a device), room for it is made first, so it is not copied as it grows.
-  std::string json;
-  if (const std::streampos here = file.tellg(); here != std::streampos(-1)) {
-    if (file.seekg(0, std::ios::end) && file.tellg() > here) {
-      json.reserve(static_cast<std::size_t>(file.tellg() - here));
-    }
-    file.clear();
-    file.seekg(here);
-  }
-  char chunk[1 << 14];
-  while (file.read(chunk, sizeof chunk) || file.gcount() > 0) {
-    json.append(chunk, static_cast<std::size_t>(file.gcount()));
-  }
-  if (const std::size_t lf = json.find('\n'); lf != std::string::npos) {
-    json.erase(std::remove(json.begin() + lf, json.end(), '\n'), json.end());
-  }
-  file.close();
-  if (json.empty()) {
-    KRONLOG_TRACE(0, kFile, 132, "doRestore",
-                  << kJsonDoRestore << " No json content found in the store file.");
-    return;
-  }
-
-  Json::Document document;
-  // Full precision, so that a restored timestamp equals the saved double to
-  // the last bit. The result is not examined: a text that does not parse
-  // leaves the document null, which the object check below rejects.
-  // In place: the text is not needed afterwards, and the strings are then
-  // not copied a second time into the document.
-  document.ParseInsitu<rapidjson::kParseFullPrecisionFlag>(&json[0]);
-  if (!document.HasMember(kTopKey.c_str())) {
-    KRONLOG_TRACE(2, kFile, 193, "doRestore",
-                  << kJsonDoRestore << " Could not find Kronlog in store.");
-    return;
-  }
-  KRONLOG_TRACE(2, kFile, 141, "doRestore",
-                << kJsonDoRestore << " Reading Kronlog from store file.");
-  const Json::Value& events = document[kTopKey.c_str()];
-  KronlogReader::Status& status = *this->events();
-  for (const Json::Value& element : events.GetArray()) {
-    Qel::String agentName, messageGroup, message;
-    double timestamp = 0;
-    bool hasAgentName = false, hasMessageGroup = false, hasTimestamp = false, hasMessage = false;
-    for (const auto& member : element.GetObject()) {
-      if (nameIs(member.name, "agentName", 9)) {
-        KRONLOG_TRACE(2, kFile, 156, "doRestore", << kJsonDoRestore << " Reading agentName");
-        agentName = Qel::String(member.value.GetString());
-        KRONLOG_TRACE(2, kFile, 158, "doRestore", << kJsonDoRestore << " agentName: " << agentName);
-        hasAgentName = true;
-      } else if (nameIs(member.name, "messageGroup", 12)) {
-        KRONLOG_TRACE(2, kFile, 161, "doRestore", << kJsonDoRestore << " Reading messageGroup");
-        messageGroup = Qel::String(member.value.GetString());
-        KRONLOG_TRACE(2, kFile, 163, "doRestore",
-                      << kJsonDoRestore << " messageGroup: " << messageGroup);
-        hasMessageGroup = true;
-      } else if (nameIs(member.name, "timestamp", 9)) {
-        KRONLOG_TRACE(2, kFile, 166, "doRestore", << kJsonDoRestore << " Reading timestamp");
-        timestamp = member.value.GetDouble();
-        KRONLOG_TRACE(2, kFile, 168, "doRestore", << kJsonDoRestore << " timestamp: " << timestamp);
-        hasTimestamp = true;
-      } else if (nameIs(member.name, "message", 7)) {
-        KRONLOG_TRACE(2, kFile, 171, "doRestore", << kJsonDoRestore << " Reading message");
-        message = Qel::String(member.value.GetString());
-        KRONLOG_TRACE(2, kFile, 174, "doRestore", << kJsonDoRestore << " message: " << message);
-        hasMessage = true;
-      }
-      // Checked after every member, recognised or not: each member after
-      // the fourth adds one more entry with the values as they stand.
-      if (hasAgentName && hasMessageGroup && hasTimestamp && hasMessage) {
-        status.logEnq(KronlogReader::logEntryFactory(agentName, messageGroup, timestamp, message));
-        KRONLOG_TRACE(2, kFile, 187, "doRestore",
-                      << kJsonDoRestore << " Added entry agentName: " << agentName
-                      << " messageGroup: " << messageGroup << " timestamp: " << timestamp
-                      << " message: " << message);
-      }
-    }
+  const StoreReading reading = readStoreBytes(bytes, *events(), Tracing::asRestore);
+  // A store of the wrong JSON shape is fatal on purpose: the process ends in
+  // the check the JSON library's accessor would have failed.
+  if (const char* check = reading.fatalCheck()) {
+    Kronlog::assertionFailed(check, __FILE__, __LINE__, __func__);
   }
 }
 

@@ -15,11 +15,11 @@
 
 #include "kronlog/KronlogRestorer.h"
 #include "kronlog/KronlogWriter.h"
-#include "persistence/PersistenceTestSupport.h"
 #include "qel/Dir.h"
 #include "qel/Exception.h"
 #include "qel/Strep.h"
 #include "qel/Type.h"
+#include "testing/PersistenceTest.h"
 
 namespace KronlogTest {
 namespace {

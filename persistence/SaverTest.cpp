@@ -10,9 +10,9 @@
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogSaver.h"
 #include "kronlog/KronlogWriter.h"
-#include "persistence/PersistenceTestSupport.h"
 #include "qel/Dir.h"
 #include "qel/Type.h"
+#include "testing/PersistenceTest.h"
 
 namespace KronlogTest {
 namespace {
@@ -46,6 +46,15 @@ class SaverTest : public PersistenceTest {
   }
 
   KronlogSaver::Saver::Ptr save() { return KronlogSaver::saverFactory(config_); }
+  // Saves over a fresh configuration of the same directory, changed by
+  // `configure`, with the traces cleared first.
+  KronlogSaver::Saver::Ptr saveWith(const std::function<void(KronlogReader::Config&)>& configure) {
+    KronlogReader::Config::Ptr config = KronlogReader::configFactory();
+    config->dirIs(agents_);
+    configure(*config);
+    clearTraces();
+    return KronlogSaver::saverFactory(config);
+  }
 
   Qel::Dir::Ptr agents_;
   KronlogReader::Config::Ptr config_;
@@ -94,14 +103,33 @@ TEST_F(SaverTest, NothingReadKeepsTheEarlierStore) {
   };
   for (const auto& [name, configure] : cases) {
     SCOPED_TRACE(name);
-    KronlogReader::Config::Ptr config = KronlogReader::configFactory();
-    config->dirIs(agents_);
-    configure(*config);
-    clearTraces();
-    EXPECT_TRUE(KronlogSaver::saverFactory(config)->initialized());
+    EXPECT_TRUE(saveWith(configure)->initialized());
     EXPECT_EQ(tracesOf("KronlogSaver"),
               (std::vector<Seen>{saverTrace(19), saverTrace(31, " No events to save.")}));
     EXPECT_TRUE(tracesOf("KronlogStore").empty());
+    EXPECT_EQ(readStoreFile(), earlier);
+  }
+}
+
+// The saver reports a pattern the reader cannot compile, names it, and
+// keeps the earlier store; nothing escapes to the agent.
+TEST_F(SaverTest, ABadPatternIsTracedByNameAndKeepsTheEarlierStore) {
+  event("A", "g", 1, "m");
+  store({{"kept", "g", 1, "kept"}});
+  const std::string earlier = readStoreFile();
+  const std::pair<std::function<void(KronlogReader::Config&)>, std::string> cases[] = {
+      {[](auto& c) { c.agentPatternIs("Bgp("); }, " Bad agentPattern 'Bgp(': "},
+      {[](auto& c) { c.messageGroupPatternIs("[peer"); }, " Bad messageGroupPattern '[peer': "},
+  };
+  for (const auto& [configure, text] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_TRUE(saveWith(configure)->initialized());
+    const std::vector<Seen> seen = tracesOf("KronlogSaver");
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0], saverTrace(19));
+    EXPECT_EQ(seen[1].line, 26);
+    EXPECT_EQ(seen[1].text.rfind(kDoSave + text, 0), 0u) << seen[1].text;
+    EXPECT_EQ(seen[1].text.substr(seen[1].text.size() - 16), "; nothing saved.");
     EXPECT_EQ(readStoreFile(), earlier);
   }
 }

@@ -18,16 +18,14 @@
 
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogStore.h"
-#include "persistence/PersistenceTestSupport.h"
 #include "qel/Exception.h"
 #include "qel/Type.h"
+#include "testing/PersistenceTest.h"
 
 namespace KronlogTest {
 namespace {
 
 constexpr char kDefaultPath[] = "/mnt/flash/kronlog-persistent-store";
-constexpr char kHeader[] = "FORMAT: JSON\nVERSION: 1\n";
-constexpr char kEmptyStore[] = "FORMAT: JSON\nVERSION: 1\n{\"Kronlog\":[]}\n";
 
 std::string storing(const std::string& text) {
   return kJsonDoStore + text;
@@ -53,20 +51,17 @@ std::vector<Seen> couldNotOpenToStore(const std::string& path) {
   return couldNotOpen(51, 57, "doStore", kJsonDoStore, path);
 }
 
-// One element in the order a save writes its members; values are JSON texts.
+using KronlogTesting::kEmptyStore;
+using KronlogTesting::storeOf;
+constexpr const char* kHeader = KronlogTesting::kStoreHeader;
+
 std::string members(const std::string& timestamp, const std::string& agentName,
                     const std::string& messageGroup, const std::string& message) {
-  return "{\"timestamp\":" + timestamp + ",\"agentName\":" + agentName +
-         ",\"messageGroup\":" + messageGroup + ",\"message\":" + message + "}";
+  return KronlogTesting::storeMembers(timestamp, agentName, messageGroup, message);
 }
-// One element of string members, given without their quotes.
 std::string entry(const std::string& timestamp, const std::string& agentName,
                   const std::string& messageGroup, const std::string& message) {
-  return members(timestamp, '"' + agentName + '"', '"' + messageGroup + '"', '"' + message + '"');
-}
-// A store file whose array holds `elements`.
-std::string storeOf(const std::string& elements) {
-  return kHeader + ("{\"Kronlog\":[" + elements + "]}\n");
+  return KronlogTesting::storeEntry(timestamp, agentName, messageGroup, message);
 }
 
 // ---- The bytes written

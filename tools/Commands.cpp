@@ -1,154 +1,255 @@
 #include "tools/Commands.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <regex>
+#include <cstring>
+#include <map>
+#include <utility>
 
 #include "kronlog/KronlogStore.h"
 #include "qel/String.h"
 #include "tools/Options.h"
 #include "tools/Output.h"
-#include "tools/StoreCheck.h"
+#include "tools/Pager.h"
+#include "tools/Sink.h"
 #include "tools/StoreView.h"
 #include "tools/TimeArg.h"
+#include "tools/Usage.h"
 
 namespace KronlogTool {
 
 namespace {
 
-const char kShowUsage[] =
-    "usage: kronlog show [--store PATH] [--agent RE] [--group RE] [--since T] [--until T]\n"
-    "                    [--output short|json|jsonl]\n"
-    "\n"
-    "Prints the merged history of a store file in time order.\n"
-    "  --store PATH   the store file (default: $KRONLOG_STORE_FILE_PATH, else\n"
-    "                 /mnt/flash/kronlog-persistent-store)\n"
-    "  --agent RE     keep agents whose whole name matches RE (ECMAScript, case-sensitive)\n"
-    "  --group RE     keep message groups whose whole name matches RE\n"
-    "  --since T      keep events at or after T; --until T: at or before T\n"
-    "                 T: seconds since the epoch (1700000000.5), ISO-8601 UTC\n"
-    "                 (2026-11-21T10:00:00Z), or relative to now (-15m, -2h, -1d)\n"
-    "  --output FMT   short (default): time agent group message, one line each;\n"
-    "                 json: one array; jsonl: one object per line\n"
-    "Exit status: 0 ok, 1 store missing or not restorable, 2 usage error.\n";
+const std::vector<OptionSpec> kShowOptions = {
+    {"store", 0, true, true},
+    {"agent", 0, true, true},
+    {"group", 0, true, true},
+    {"grep", 'g', true, false},
+    {"case-insensitive", 'i', false, false},
+    {"since", 0, true, false},
+    {"until", 0, true, false},
+    {"lines", 'n', true, false},
+    {"reverse", 'r', false, false},
+    {"output", 'o', true, false},
+    {"fields", 0, true, false},
+    {"localtime", 0, false, false},
+    {"no-color", 0, false, false},
+    {"no-pager", 0, false, false},
+};
 
-const char kCheckUsage[] =
-    "usage: kronlog check [--store PATH]\n"
-    "\n"
-    "Validates a store file without restoring it: header lines, JSON syntax,\n"
-    "member types, and the entries per agent and group.\n"
-    "Exit status: 0 the library restores it completely; 1 a restore would end\n"
-    "the process or drop entries (the reason is printed); 2 usage error.\n";
+const std::vector<OptionSpec> kCheckOptions = {{"store", 0, true, false}};
 
-int usageError(const char* command, const std::string& message) {
-  std::fprintf(stderr, "kronlog %s: %s (try 'kronlog %s --help')\n", command, message.c_str(),
-               command);
-  return kExitUsage;
+void dataError(const char* command, const std::string& message) {
+  std::fprintf(stderr, "kronlog %s: %s\n", command, escapeForTerminal(message).c_str());
 }
 
-bool wantsHelp(const Args& args) {
-  for (const std::string& a : args) {
-    if (a == "--help" || a == "-h") return true;
+// Why a store cannot even be read, in words that say what to do; empty when
+// it can be opened.
+std::string unreadableStore(const std::string& path, bool givenByUser) {
+  if (path == "-") return "";
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) {
+    if (errno == ENOENT && !givenByUser) {
+      return "no store at " + path +
+             " (the default): give one with --store PATH, or set KRONLOG_STORE_FILE_PATH";
+    }
+    return "";  // the reading says why, with the system's words
   }
-  return false;
+  if (S_ISDIR(st.st_mode)) {
+    return path + " is a directory: give the store file in it, e.g. --store " + path +
+           "/kronlog-persistent-store";
+  }
+  return "";
+}
+
+std::string displayName(const LoadedStore& store) {
+  return store.name == "-" ? "standard input" : store.name;
+}
+
+// One line per problem: the store, the byte offset, the reason.
+void reportProblem(const char* command, const LoadedStore& store,
+                   const KronlogStore::StoreProblem& p) {
+  if (p.fault == KronlogStore::StoreFault::cannotRead) {
+    dataError(command, p.text);
+    return;
+  }
+  dataError(command, displayName(store) + ", byte " + std::to_string(p.offset) + ": " + p.text);
+}
+
+bool parseLines(const std::string& text, long long* out) {
+  if (text.empty() || text.size() > 18) return false;
+  long long v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  *out = v;
+  return true;
+}
+
+bool colourWanted(const Options& options) {
+  const char* noColour = std::getenv("NO_COLOR");
+  return ::isatty(1) && !options.has("no-color") && !(noColour && *noColour) &&
+         options.value("output", "short") == "short";
 }
 
 }  // namespace
 
-std::string defaultStorePath() {
-  const char* env = std::getenv("KRONLOG_STORE_FILE_PATH");
-  return env ? env : KronlogStore::Store::klStoreFile().stdString();
+int usageError(const char* command, const std::string& message) {
+  std::fprintf(stderr, "kronlog %s: %s (try 'kronlog %s --help')\n", command,
+               escapeForTerminal(message).c_str(), command);
+  return kExitUsage;
 }
 
-int checkCommand(const Args& args) {
-  if (wantsHelp(args)) {
-    std::fputs(kCheckUsage, stdout);
-    return kExitOk;
+int startCommand(const char* command, const char* usage, const Args& args, Options& options) {
+  for (const std::string& a : args) {
+    if (a == "--help" || a == "-h") {
+      std::fputs(usage, stdout);
+      return kExitOk;
+    }
   }
-  Options options;
-  if (!options.parse(args, {"store"}, {})) return usageError("check", options.error());
-  const std::string path = options.value("store", defaultStorePath());
-  StoreCheck c = checkStoreFile(path);
-  if (c.unreadable) {
-    std::fprintf(stderr, "kronlog check: %s\n", c.problems.front().c_str());
-    return kExitData;
-  }
-  std::printf("%s: %zu events, %zu entries on restore\n", path.c_str(), c.elements, c.entries);
-  for (const auto& group : c.perGroup) {
-    std::printf("  %-24s %-24s %zu\n",
-                escapeForTerminal(group.first.first.data(), group.first.first.size()).c_str(),
-                escapeForTerminal(group.first.second.data(), group.first.second.size()).c_str(),
-                group.second);
-  }
-  for (const std::string& w : c.warnings) std::printf("warning: %s\n", w.c_str());
-  for (const std::string& p : c.problems) std::printf("problem: %s\n", p.c_str());
-  if (c.fatal) {
-    std::fprintf(stderr, "kronlog check: %s: restoring it would end the process: %s\n",
-                 path.c_str(), c.problems.front().c_str());
-    return kExitData;
-  }
-  if (c.lossy) {
-    std::fprintf(stderr, "kronlog check: %s: restoring it would drop entries: %s\n", path.c_str(),
-                 c.problems.front().c_str());
-    return kExitData;
-  }
-  std::printf("ok: restorable\n");
-  return kExitOk;
+  return options.parse(args) ? -1 : usageError(command, options.error());
 }
 
 int showCommand(const Args& args) {
-  if (wantsHelp(args)) {
-    std::fputs(kShowUsage, stdout);
-    return kExitOk;
-  }
-  Options options;
-  if (!options.parse(args, {"store", "agent", "group", "since", "until", "output"}, {})) {
-    return usageError("show", options.error());
-  }
-  Filter filter;
-  filter.agentPattern = options.value("agent", ".*");
-  filter.messageGroupPattern = options.value("group", ".*");
-  for (const char* name : {"agent", "group"}) {
-    try {
-      std::regex(options.value(name, ".*"), std::regex::ECMAScript);
-    } catch (const std::regex_error& e) {
-      return usageError("show", "bad --" + std::string(name) + " pattern '" + options.value(name) +
-                                    "': " + e.what());
-    }
-  }
-  const double now = Qel::utcNow();
-  std::string error;
-  if (options.has("since") &&
-      !parseTime(options.value("since"), now, &filter.minTimestamp, &error)) {
-    return usageError("show", "--since: " + error);
-  }
-  if (options.has("until") &&
-      !parseTime(options.value("until"), now, &filter.maxTimestamp, &error)) {
-    return usageError("show", "--until: " + error);
-  }
-  OutputFormat format = OutputFormat::shortText;
-  if (!parseOutputFormat(options.value("output", "short"), &format)) {
-    return usageError(
-        "show", "bad --output '" + options.value("output") + "': expected short, json or jsonl");
+  Options options(kShowOptions);
+  if (const int status = startCommand("show", kShowUsage, args, options); status >= 0) {
+    return status;
   }
 
-  const std::string path = options.value("store", defaultStorePath());
-  StoreCheck c = checkStoreFile(path);
-  if (c.unreadable) {
-    std::fprintf(stderr, "kronlog show: %s\n", c.problems.front().c_str());
+  Filter filter;
+  filter.agents = options.values("agent");
+  filter.groups = options.values("group");
+  filter.grep = options.value("grep");
+  filter.caseInsensitive = options.has("case-insensitive");
+  const double now = Qel::utcNow();
+  std::string error;
+  using TimeOption = std::pair<const char*, double*>;
+  for (const auto& [name, out] :
+       std::initializer_list<TimeOption>{{"since", &filter.since}, {"until", &filter.until}}) {
+    if (options.has(name) && !parseTime(options.value(name), now, out, &error)) {
+      return usageError("show", std::string("--") + name + ": " + error);
+    }
+  }
+  long long lines = -1;
+  if (options.has("lines") && !parseLines(options.value("lines"), &lines)) {
+    return usageError("show", "bad --lines '" + options.value("lines") +
+                                  "': expected a number of events, 0 or more");
+  }
+  OutputOptions output;
+  if (!parseOutputMode(options.value("output", "short"), &output.mode)) {
+    return usageError("show", "bad --output '" + options.value("output") +
+                                  "': expected short, cat, json or jsonl");
+  }
+  if (options.has("fields")) {
+    if (output.mode != OutputMode::shortText) {
+      return usageError("show", "--fields chooses the columns of --output short");
+    }
+    if (!parseFields(options.value("fields"), &output.fields, &error)) {
+      return usageError("show", "--fields: " + error);
+    }
+  }
+  output.localTime = options.has("localtime");
+  EntryFilter entryFilter;
+  if (!entryFilter.compile(filter, &error)) return usageError("show", error);
+
+  const bool given = options.has("store");
+  std::vector<std::string> paths = options.values("store");
+  if (!given) paths.push_back(KronlogStore::storeFilePath());
+  int status = kExitOk;
+  std::vector<LoadedStore> stores;
+  for (const std::string& path : paths) {
+    if (const std::string why = unreadableStore(path, given); !why.empty()) {
+      dataError("show", why);
+      status = kExitData;
+      continue;
+    }
+    stores.push_back(loadStore(path));
+    for (const KronlogStore::StoreProblem& p : stores.back().reading.problems) {
+      // The restorer's limit is no limit of show's.
+      if (p.fault == KronlogStore::StoreFault::restorerNeverEnds) continue;
+      reportProblem("show", stores.back(), p);
+      status = kExitData;
+    }
+  }
+  std::vector<KronlogReader::LogEntry::Ptr> entries = mergeStores(stores, entryFilter);
+  limitAndOrder(&entries, lines, options.has("reverse"));
+
+  output.colour = colourWanted(options);
+  Pager pager;
+  int fd = 1;
+  if (::isatty(1) && !options.has("no-pager") && !entries.empty()) {
+    if (const int pipe = pager.start(); pipe >= 0) fd = pipe;
+  }
+  Sink sink(fd);
+  EntryPrinter printer(sink, output);
+  for (const KronlogReader::LogEntry::Ptr& e : entries) printer.print(*e);
+  printer.finish();
+  sink.flush();
+  pager.wait();
+  if (sink.error() != 0) {
+    dataError("show", std::string("cannot write the output: ") + std::strerror(sink.error()));
     return kExitData;
   }
-  if (c.fatal) {
-    std::fprintf(stderr, "kronlog show: %s cannot be read: %s (see 'kronlog check --store %s')\n",
-                 path.c_str(), c.problems.front().c_str(), path.c_str());
+  return status;  // a reader that went away (| head) is not an error
+}
+
+int checkCommand(const Args& args) {
+  Options options(kCheckOptions);
+  if (const int status = startCommand("check", kCheckUsage, args, options); status >= 0) {
+    return status;
+  }
+  const std::string path = options.value("store", KronlogStore::storeFilePath());
+  if (const std::string why = unreadableStore(path, options.has("store")); !why.empty()) {
+    dataError("check", why);
     return kExitData;
   }
-  for (const std::string& p : c.problems) {
-    std::fprintf(stderr, "kronlog show: warning: %s\n", p.c_str());
+  const LoadedStore store = loadStore(path);
+  const KronlogStore::StoreReading& r = store.reading;
+  if (!r.problems.empty() && r.problems.front().fault == KronlogStore::StoreFault::cannotRead) {
+    reportProblem("check", store, r.problems.front());
+    return kExitData;
   }
-  KronlogReader::Status::Ptr merged = mergeStore(*loadStore(path), filter);
-  writeEntries(stdout, *merged, format);
-  return kExitOk;
+  Sink out(1);
+  std::map<std::pair<std::string, std::string>, std::size_t> perGroup;
+  for (auto it = store.entries->logIterConst(); it; ++it) {
+    ++perGroup[{it->value()->agentName().stdString(), it->value()->messageGroup().stdString()}];
+  }
+  char line[160];
+  std::snprintf(line, sizeof line, ": %zu events, %zu entries on restore\n", r.events, r.entries);
+  out.write(escapeForTerminal(displayName(store)) + line);
+  for (const auto& [names, count] : perGroup) {
+    std::snprintf(line, sizeof line, "  %-24s %-24s %zu\n", escapeForTerminal(names.first).c_str(),
+                  escapeForTerminal(names.second).c_str(), count);
+    out.write(line);
+  }
+  for (const KronlogStore::StoreProblem& w : r.warnings) {
+    out.write("warning: byte " + std::to_string(w.offset) + ": " + escapeForTerminal(w.text) +
+              "\n");
+  }
+  if (r.complete()) out.write("ok: restorable\n");
+  if (!out.flush() && out.error() != 0) {
+    dataError("check", std::string("cannot write the output: ") + std::strerror(out.error()));
+    return kExitData;
+  }
+  if (r.complete()) return kExitOk;
+  for (const KronlogStore::StoreProblem& p : r.problems) reportProblem("check", store, p);
+  if (const char* check = r.fatalCheck()) {
+    dataError("check", displayName(store) + ": a restore would end the process (its check " +
+                           check + " fails)");
+  } else if (r.problems.size() == 1 &&
+             r.problems.front().fault == KronlogStore::StoreFault::restorerNeverEnds) {
+    dataError("check",
+              displayName(store) + ": a restore would never finish; use kronlog show to read it");
+  } else {
+    dataError("check",
+              displayName(store) + ": a restore would not bring back every event as stored");
+  }
+  return kExitData;
 }
 
 }  // namespace KronlogTool

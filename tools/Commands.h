@@ -1,6 +1,7 @@
 // The kronlog tool's commands. Each returns the process exit status:
 //   0  success
-//   1  a data error: the store is missing, unreadable or cannot be restored
+//   1  a data error: a store missing, unreadable or not wholly readable, or
+//      output that cannot be written
 //   2  a usage error: unknown option, bad pattern, bad time, bad value
 #ifndef KRONLOG_TOOLS_COMMANDS_H
 #define KRONLOG_TOOLS_COMMANDS_H
@@ -15,14 +16,22 @@ constexpr int kExitData = 1;
 constexpr int kExitUsage = 2;
 
 using Args = std::vector<std::string>;
+class Options;
+
+// Prints `usage` when the arguments ask for help, else parses them into
+// `options`. The exit status to end with (0 after help, 2 after a usage
+// error, which it reports), or -1 to go on.
+int startCommand(const char* command, const char* usage, const Args& args, Options& options);
+// Reports a usage error of `command` on stderr; returns 2.
+int usageError(const char* command, const std::string& message);
 
 int showCommand(const Args& args);
 int checkCommand(const Args& args);
 int demoCommand(const Args& args);
-
-// The store path when none is given: the library's rule (the environment
-// variable KRONLOG_STORE_FILE_PATH when set, else the default path).
-std::string defaultStorePath();
+// The demo's two processes, started by demoCommand with the store path in
+// their environment, as an agent's launcher would set it.
+int demoAgentsCommand(const Args& args);
+int demoRestoreCommand(const Args& args);
 
 }  // namespace KronlogTool
 

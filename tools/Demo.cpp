@@ -1,35 +1,33 @@
 // The end-to-end story: agents record, a reader merges, a saver stores, the
 // agents' process ends, and a new process restores and shows the history.
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogRestorer.h"
 #include "kronlog/KronlogSaver.h"
+#include "kronlog/KronlogStore.h"
 #include "kronlog/KronlogWriter.h"
 #include "qel/Dir.h"
 #include "tools/Commands.h"
 #include "tools/Options.h"
 #include "tools/Output.h"
-#include "tools/StoreCheck.h"
+#include "tools/Sink.h"
 #include "tools/StoreView.h"
 #include "tools/TimeArg.h"
+#include "tools/Usage.h"
+
+extern char** environ;
 
 namespace KronlogTool {
 
 namespace {
-
-const char kDemoUsage[] =
-    "usage: kronlog demo [--store PATH]\n"
-    "\n"
-    "Runs the whole system once: a child process plays a device's agents,\n"
-    "records events (some overflow), reads them merged and saves the store;\n"
-    "then this process restores one agent's history and shows the store.\n"
-    "  --store PATH   where the store file goes (default: ./kronlog-demo-store)\n";
 
 // The agents' process runs on a simulated clock: one hour of activity,
 // starting an hour ago, advanced explicitly between events.
@@ -40,6 +38,15 @@ double simulatedClock() {
 
 void step(const char* text) {
   std::printf("\n== %s\n", text);
+}
+
+void writeEntries(const KronlogReader::Status& status) {
+  std::fflush(stdout);
+  Sink sink(1);
+  OutputOptions options;
+  EntryPrinter printer(sink, options);
+  for (auto it = status.logIterConst(); it; ++it) printer.print(*it->value());
+  sink.flush();
 }
 
 void printWriter(const KronlogWriter::Writer& w) {
@@ -55,9 +62,37 @@ void record(const KronlogWriter::Writer::Ptr& w, double at, const std::string& t
   w->eventIs(Qel::String(text));
 }
 
-// The child: three agents record an hour of events, then a reader and a
-// saver run over them. Returns the child's exit status.
-int runAgents(const std::string& store, double start) {
+// Runs this program again as `command`, the store path in the environment
+// of the new process only; returns its exit status.
+int runStage(const char* command, const std::string& store, double start) {
+  std::vector<std::string> env = {"KRONLOG_STORE_FILE_PATH=" + store};
+  for (char** e = environ; *e; ++e) {
+    if (std::string(*e).rfind("KRONLOG_STORE_FILE_PATH=", 0) != 0) env.push_back(*e);
+  }
+  std::vector<std::string> args = {"kronlog", command, std::to_string(start)};
+  std::vector<char*> argv, envp;
+  for (std::string& a : args) argv.push_back(a.data());
+  for (std::string& e : env) envp.push_back(e.data());
+  argv.push_back(nullptr);
+  envp.push_back(nullptr);
+  std::fflush(stdout);
+  pid_t pid;
+  if (::posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv.data(), envp.data()) != 0) {
+    std::perror("kronlog demo: cannot start a process");
+    return kExitData;
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : kExitData;
+}
+
+}  // namespace
+
+// The agents' process: three agents record an hour of events, then a reader
+// and a saver run over them.
+int demoAgentsCommand(const Args& args) {
+  const double start = args.empty() ? Qel::utcNow() - 3600 : std::strtod(args[0].c_str(), nullptr);
+  const std::string store = KronlogStore::storeFilePath();
   Qel::utcNowFunctionIs(&simulatedClock);
   Qel::Dir::Ptr agents = Qel::dirFactory("agents");
   auto bgp = KronlogWriter::writerDirFactory("Bgp");
@@ -102,64 +137,31 @@ int runAgents(const std::string& store, double start) {
   KronlogReader::readerFactory(config, status);
   std::printf("agentPattern \"Bgp|Ospf\", window [%s, +inf]: %u entries in time order\n",
               formatTime(config->minTimestamp()).c_str(), status->logs());
-  writeEntries(stdout, *status, OutputFormat::shortText);
+  writeEntries(*status);
 
   step("3. a saver writes every agent's history to the store");
   KronlogReader::Config::Ptr all = KronlogReader::configFactory();
   all->dirIs(agents);
   KronlogSaver::saverFactory(all);
-  std::printf("saved to %s\n", store.c_str());
+  // The saver reports only through traces: look at what reached the file.
+  KronlogReader::Status::Ptr saved = KronlogReader::statusFactory();
+  const KronlogStore::StoreReading reading = KronlogStore::readStoreFile(store, *saved);
+  if (!reading.complete()) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "kronlog demo: the save to %s failed: %s\n",
+                 escapeForTerminal(store).c_str(),
+                 escapeForTerminal(reading.problems.front().text).c_str());
+    return kExitData;
+  }
+  std::printf("saved %zu events to %s\n", reading.entries, escapeForTerminal(store).c_str());
   std::printf("the agents' process exits now (the restart)\n");
   std::fflush(stdout);
-  return 0;
+  return kExitOk;
 }
 
-}  // namespace
-
-int demoCommand(const Args& args) {
-  for (const std::string& a : args) {
-    if (a == "--help" || a == "-h") {
-      std::fputs(kDemoUsage, stdout);
-      return kExitOk;
-    }
-  }
-  Options options;
-  if (!options.parse(args, {"store"}, {})) {
-    std::fprintf(stderr, "kronlog demo: %s (try 'kronlog demo --help')\n", options.error().c_str());
-    return kExitUsage;
-  }
-  const std::string store = options.value("store", "kronlog-demo-store");
-  ::setenv("KRONLOG_STORE_FILE_PATH", store.c_str(), 1);
-  ::unlink(store.c_str());
-  const double start = Qel::utcNow() - 3600;
-
-  std::printf("kronlog demo: store file %s\n", store.c_str());
-  std::fflush(stdout);
-  pid_t child = ::fork();
-  if (child < 0) {
-    std::perror("kronlog demo: fork");
-    return kExitData;
-  }
-  if (child == 0) {
-    int rc = runAgents(store, start);
-    std::fflush(stdout);
-    ::_exit(rc);
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::fprintf(stderr, "kronlog demo: the agents' process failed\n");
-    return kExitData;
-  }
-
-  step("4. after the restart: a new process restores agent Bgp");
+// The process after the restart: restores agent Bgp's history.
+int demoRestoreCommand(const Args&) {
   std::printf("pid %d (the agents' process is gone)\n", static_cast<int>(::getpid()));
-  StoreCheck check = checkStoreFile(store);
-  if (!check.restorable()) {
-    std::fprintf(stderr, "kronlog demo: the store cannot be restored: %s\n",
-                 check.problems.empty() ? "?" : check.problems.front().c_str());
-    return kExitData;
-  }
   KronlogWriter::WriterDir::Ptr bgp = KronlogWriter::writerDirFactory("Bgp");
   KronlogRestorer::restorerFactory(KronlogRestorer::Config(bgp));
   std::printf(
@@ -168,17 +170,55 @@ int demoCommand(const Args& args) {
   for (auto w = bgp->writerIter(); w; ++w) {
     printWriter(*w.value());
     for (auto e = w->logIterConst(); e; ++e) {
-      std::printf(
-          "    [%u] %s %s\n", e.index(), formatTime(e->entry().timestamp()).c_str(),
-          escapeForTerminal(e->entry().message().data(), e->entry().message().size()).c_str());
+      std::printf("    [%u] %s %s\n", e.index(), formatTime(e->entry().timestamp()).c_str(),
+                  escapeForTerminal(e->entry().message().stdString()).c_str());
     }
   }
+  std::fflush(stdout);
+  return kExitOk;
+}
+
+int demoCommand(const Args& args) {
+  Options options({{"store", 0, true, false}});
+  if (const int status = startCommand("demo", kDemoUsage, args, options); status >= 0) {
+    return status;
+  }
+  const std::string store = options.value("store", "kronlog-demo-store");
+  ::unlink(store.c_str());
+  const double start = Qel::utcNow() - 3600;
+  std::printf("kronlog demo: store file %s\n", escapeForTerminal(store).c_str());
+  if (runStage("demo-agents", store, start) != kExitOk) {
+    std::fprintf(stderr, "kronlog demo: the agents' process failed\n");
+    return kExitData;
+  }
+
+  step("4. after the restart: a new process restores agent Bgp");
+  LoadedStore loaded = loadStore(store);
+  if (loaded.reading.entries > KronlogRestorer::kMaxRestorableEntries) {
+    // Such a store is for reading with show: the restorer would never end.
+    std::printf("the store holds %zu entries, more than the restorer's %zu: not restored\n",
+                loaded.reading.entries, KronlogRestorer::kMaxRestorableEntries);
+  } else if (runStage("demo-restore", store, start) != kExitOk) {
+    std::fprintf(stderr, "kronlog demo: the restoring process failed\n");
+    return kExitData;
+  }
+  std::printf(
+      "(the restorer walks at most %zu entries; a larger store never finishes\n"
+      "restoring, and is for kronlog show only)\n",
+      KronlogRestorer::kMaxRestorableEntries);
 
   step("5. the whole store, merged in time order (kronlog show)");
-  KronlogReader::Status::Ptr merged = mergeStore(*loadStore(store), Filter());
-  writeEntries(stdout, *merged, OutputFormat::shortText);
-  std::printf("\n%u events in %s; try: kronlog show --store %s --agent Lldp --output jsonl\n",
-              merged->logs(), store.c_str(), store.c_str());
+  std::vector<LoadedStore> stores;
+  stores.push_back(std::move(loaded));
+  const std::vector<KronlogReader::LogEntry::Ptr> merged = mergeStores(stores, EntryFilter());
+  std::fflush(stdout);
+  Sink sink(1);
+  OutputOptions plain;
+  EntryPrinter printer(sink, plain);
+  for (const auto& e : merged) printer.print(*e);
+  sink.flush();
+  std::printf("\n%zu events in %s; try: kronlog show --store %s --agent Lldp --output jsonl\n",
+              merged.size(), escapeForTerminal(store).c_str(), escapeForTerminal(store).c_str());
   return kExitOk;
 }
 

@@ -1,32 +1,51 @@
-// Command-line options: "--name value" or "--name=value", each allowed once.
+// Command-line options: "--name value", "--name=value", or a short form
+// "-n value" / "-nVALUE"; flags take no value ("-r", "--reverse"), and
+// several short flags may share one dash ("-ri"). Options declared
+// repeatable keep every value, in order; the others may be given once.
 #ifndef KRONLOG_TOOLS_OPTIONS_H
 #define KRONLOG_TOOLS_OPTIONS_H
 
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
 namespace KronlogTool {
 
+struct OptionSpec {
+  const char* name;  // the long name, without "--"
+  char shortName;    // 0: none
+  bool takesValue;
+  bool repeatable;
+};
+
 class Options {
  public:
-  // `valued` take a value; `flags` do not. False, with error() set, for an
-  // unknown option, a missing value, a repeated option or a stray argument.
-  bool parse(const std::vector<std::string>& args, const std::set<std::string>& valued,
-             const std::set<std::string>& flags);
+  explicit Options(std::vector<OptionSpec> specs) : specs_(std::move(specs)) {}
+
+  // False, with error() set, for an unknown option, a missing value, an
+  // option given twice that may not be, or an argument that is no option.
+  bool parse(const std::vector<std::string>& args);
 
   bool has(const std::string& name) const { return values_.count(name) != 0; }
-  std::string value(const std::string& name, const std::string& fallback = "") const {
-    auto it = values_.find(name);
-    return it == values_.end() ? fallback : it->second;
-  }
+  // The last value given, or `fallback`.
+  std::string value(const std::string& name, const std::string& fallback = "") const;
+  // Every value given, in order.
+  const std::vector<std::string>& values(const std::string& name) const;
   const std::string& error() const noexcept { return error_; }
 
  private:
-  std::map<std::string, std::string> values_;
+  const OptionSpec* find(const std::string& name) const;
+  const OptionSpec* findShort(char c) const;
+  bool take(const OptionSpec& spec, const std::string& value);
+
+  std::vector<OptionSpec> specs_;
+  std::map<std::string, std::vector<std::string>> values_;
   std::string error_;
 };
+
+// What a user who typed `option` most likely wanted, for options that
+// other log viewers have and this tool spells otherwise; empty if nothing.
+std::string optionHint(const std::string& option);
 
 }  // namespace KronlogTool
 

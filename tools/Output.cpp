@@ -1,27 +1,67 @@
 #include "tools/Output.h"
 
-#include "tools/Json.h"
+#include <cstdio>
+
+#include "kronlog/KronlogStore.h"
 #include "tools/TimeArg.h"
 
 namespace KronlogTool {
 
-bool parseOutputFormat(const std::string& text, OutputFormat* out) {
-  if (text == "short")
-    *out = OutputFormat::shortText;
-  else if (text == "json")
-    *out = OutputFormat::json;
-  else if (text == "jsonl")
-    *out = OutputFormat::jsonl;
-  else
-    return false;
+namespace {
+
+constexpr char kDim[] = "\x1b[2m";
+constexpr char kAgentColour[] = "\x1b[36m";  // cyan
+constexpr char kGroupColour[] = "\x1b[33m";  // yellow
+constexpr char kReset[] = "\x1b[0m";
+
+const char* const kFieldNames[] = {"time", "agent", "group", "message"};
+
+}  // namespace
+
+bool parseOutputMode(const std::string& text, OutputMode* out) {
+  static const std::pair<const char*, OutputMode> kModes[] = {{"short", OutputMode::shortText},
+                                                              {"cat", OutputMode::cat},
+                                                              {"json", OutputMode::json},
+                                                              {"jsonl", OutputMode::jsonl}};
+  for (const auto& [name, mode] : kModes) {
+    if (text == name) return *out = mode, true;
+  }
+  return false;
+}
+
+bool parseFields(const std::string& text, std::vector<Field>* out, std::string* error) {
+  std::vector<Field> fields;
+  std::size_t from = 0;
+  for (;;) {
+    const std::size_t comma = text.find(',', from);
+    const std::string name = text.substr(from, comma == std::string::npos ? comma : comma - from);
+    int found = -1;
+    for (int f = 0; f < 4; ++f) {
+      if (name == kFieldNames[f]) found = f;
+    }
+    if (found < 0) {
+      *error = "unknown field '" + name + "': expected time, agent, group or message";
+      return false;
+    }
+    for (Field f : fields) {
+      if (f == static_cast<Field>(found)) {
+        *error = "field '" + name + "' given twice";
+        return false;
+      }
+    }
+    fields.push_back(static_cast<Field>(found));
+    if (comma == std::string::npos) break;
+    from = comma + 1;
+  }
+  *out = fields;
   return true;
 }
 
-std::string escapeForTerminal(const char* data, std::size_t size) {
+std::string escapeForTerminal(const std::string& text) {
   std::string out;
-  out.reserve(size);
-  for (std::size_t i = 0; i < size; ++i) {
-    const auto c = static_cast<unsigned char>(data[i]);
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
     char buf[8];
     if (c == '\\') {
       out += "\\\\";
@@ -34,10 +74,11 @@ std::string escapeForTerminal(const char* data, std::size_t size) {
     } else if (c < 0x20 || c == 0x7f) {
       std::snprintf(buf, sizeof buf, "\\x%02x", c);
       out += buf;
-    } else if (c == 0xc2 && i + 1 < size && static_cast<unsigned char>(data[i + 1]) >= 0x80 &&
-               static_cast<unsigned char>(data[i + 1]) <= 0x9f) {
+    } else if (c == 0xc2 && i + 1 < text.size() &&
+               static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+               static_cast<unsigned char>(text[i + 1]) <= 0x9f) {
       // U+0080..U+009F: some terminals act on these as control codes.
-      std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned char>(data[i + 1]));
+      std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned char>(text[i + 1]));
       out += buf;
       ++i;
     } else {
@@ -47,56 +88,53 @@ std::string escapeForTerminal(const char* data, std::size_t size) {
   return out;
 }
 
-namespace {
-
-void writeJsonEntry(Json::Writer& writer, const KronlogReader::LogEntry& e) {
-  writer.StartObject();
-  writer.Key("timestamp");
-  writer.Double(e.timestamp());
-  writer.Key("agentName");
-  writer.String(e.agentName().data(), static_cast<rapidjson::SizeType>(e.agentName().size()));
-  writer.Key("messageGroup");
-  writer.String(e.messageGroup().data(), static_cast<rapidjson::SizeType>(e.messageGroup().size()));
-  writer.Key("message");
-  writer.String(e.message().data(), static_cast<rapidjson::SizeType>(e.message().size()));
-  writer.EndObject();
+std::string formatEntry(const KronlogReader::LogEntry& e, const OutputOptions& options) {
+  switch (options.mode) {
+    case OutputMode::json:
+      return KronlogStore::entryJson(e);
+    case OutputMode::jsonl:
+      return KronlogStore::entryJson(e) + '\n';
+    case OutputMode::cat:
+      return escapeForTerminal(e.message().stdString()) + '\n';
+    case OutputMode::shortText:
+      break;
+  }
+  std::string line;
+  for (const Field f : options.fields) {
+    if (!line.empty()) line += ' ';
+    const char* colour = nullptr;
+    std::string text;
+    switch (f) {
+      case Field::time:
+        text = formatTime(e.timestamp(), options.localTime), colour = kDim;
+        break;
+      case Field::agent:
+        text = escapeForTerminal(e.agentName().stdString()), colour = kAgentColour;
+        break;
+      case Field::group:
+        text = escapeForTerminal(e.messageGroup().stdString()), colour = kGroupColour;
+        break;
+      case Field::message:
+        text = escapeForTerminal(e.message().stdString());
+        break;
+    }
+    if (options.colour && colour) {
+      line += colour + text + kReset;
+    } else {
+      line += text;
+    }
+  }
+  return line + '\n';
 }
 
-}  // namespace
+void EntryPrinter::print(const KronlogReader::LogEntry& entry) {
+  if (options_.mode == OutputMode::json) sink_.write(printed_ == 0 ? "[" : ",");
+  sink_.write(formatEntry(entry, options_));
+  ++printed_;
+}
 
-void writeEntries(std::FILE* out, const KronlogReader::Status& status, OutputFormat format) {
-  if (format == OutputFormat::shortText) {
-    for (auto it = status.logIterConst(); it; ++it) {
-      const KronlogReader::LogEntry& e = *it->value();
-      std::string line = formatTime(e.timestamp());
-      line += ' ';
-      line += escapeForTerminal(e.agentName().data(), e.agentName().size());
-      line += ' ';
-      line += escapeForTerminal(e.messageGroup().data(), e.messageGroup().size());
-      line += ' ';
-      line += escapeForTerminal(e.message().data(), e.message().size());
-      line += '\n';
-      std::fwrite(line.data(), 1, line.size(), out);
-    }
-    return;
-  }
-  if (format == OutputFormat::jsonl) {
-    for (auto it = status.logIterConst(); it; ++it) {
-      Json::Buffer buffer;
-      Json::Writer writer(buffer);
-      writeJsonEntry(writer, *it->value());
-      std::fwrite(buffer.GetString(), 1, buffer.GetSize(), out);
-      std::fputc('\n', out);
-    }
-    return;
-  }
-  Json::Buffer buffer;
-  Json::Writer writer(buffer);
-  writer.StartArray();
-  for (auto it = status.logIterConst(); it; ++it) writeJsonEntry(writer, *it->value());
-  writer.EndArray();
-  std::fwrite(buffer.GetString(), 1, buffer.GetSize(), out);
-  std::fputc('\n', out);
+void EntryPrinter::finish() {
+  if (options_.mode == OutputMode::json) sink_.write(printed_ == 0 ? "[]\n" : "]\n");
 }
 
 }  // namespace KronlogTool

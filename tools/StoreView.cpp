@@ -1,61 +1,109 @@
 #include "tools/StoreView.h"
 
-#include <stdlib.h>
+#include <unistd.h>
 
-#include <limits>
-#include <map>
-
-#include "kronlog/KronlogStore.h"
-#include "kronlog/KronlogWriter.h"
-#include "qel/Dir.h"
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace KronlogTool {
 
-Filter::Filter()
-    : minTimestamp(-std::numeric_limits<double>::infinity()),
-      maxTimestamp(std::numeric_limits<double>::infinity()) {}
+namespace {
 
-KronlogReader::Status::Ptr loadStore(const std::string& path) {
-  // The store drivers take their path from the environment.
-  const char* previous = ::getenv("KRONLOG_STORE_FILE_PATH");
-  std::string saved = previous ? previous : "";
-  ::setenv("KRONLOG_STORE_FILE_PATH", path.c_str(), 1);
-  KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
-  KronlogStore::jsonStoreFactory(status)->doRestore();
-  if (previous) {
-    ::setenv("KRONLOG_STORE_FILE_PATH", saved.c_str(), 1);
-  } else {
-    ::unsetenv("KRONLOG_STORE_FILE_PATH");
+bool compileAll(const std::vector<std::string>& patterns, const char* option, bool icase,
+                std::vector<std::regex>* out, std::string* error) {
+  auto flags = std::regex::ECMAScript;
+  if (icase) flags |= std::regex::icase;
+  for (const std::string& p : patterns) {
+    try {
+      out->emplace_back(p, flags);
+    } catch (const std::regex_error& e) {
+      *error = std::string("bad ") + option + " pattern '" + p + "': " + e.what();
+      return false;
+    }
   }
-  return status;
+  return true;
 }
 
-KronlogReader::Status::Ptr mergeStore(const KronlogReader::Status& loaded, const Filter& filter) {
-  Qel::Dir::Ptr agents = Qel::dirFactory("store");
-  std::map<std::string, KronlogWriter::WriterDir::Ptr> byName;
-  // Unbounded writers: the store's entries are all kept, whatever the sizes
-  // of the writers that recorded them.
-  const KronlogWriter::Config unbounded(std::numeric_limits<unsigned int>::max(),
-                                        KronlogWriter::keepLastEntries);
-  for (auto it = loaded.logIterConst(); it; ++it) {
-    const KronlogReader::LogEntry& e = *it->value();
-    KronlogWriter::WriterDir::Ptr& dir = byName[e.agentName().stdString()];
-    if (!dir) {
-      dir = KronlogWriter::writerDirFactory(e.agentName());
-      agents->entityIs(dir);
-    }
-    dir->writerIs(e.messageGroup(), unbounded)
-        ->logEnq(KronlogWriter::LogEntry(e.timestamp(), e.message()));
+bool anyMatchesWhole(const std::vector<std::regex>& patterns, const Qel::String& name) {
+  if (patterns.empty()) return true;  // no pattern: every name, line feeds and all
+  const std::string_view text = name.view();
+  return std::any_of(patterns.begin(), patterns.end(), [&](const std::regex& re) {
+    return std::regex_match(text.begin(), text.end(), re);
+  });
+}
+
+}  // namespace
+
+bool EntryFilter::compile(const Filter& filter, std::string* error) {
+  since_ = filter.since;
+  until_ = filter.until;
+  std::vector<std::string> grep;
+  if (!filter.grep.empty()) grep.push_back(filter.grep);
+  return compileAll(filter.agents, "--agent", filter.caseInsensitive, &agents_, error) &&
+         compileAll(filter.groups, "--group", filter.caseInsensitive, &groups_, error) &&
+         compileAll(grep, "--grep", filter.caseInsensitive, &grep_, error);
+}
+
+bool EntryFilter::keeps(const KronlogReader::LogEntry& e) const {
+  if (!(e.timestamp() >= since_ && e.timestamp() <= until_)) return false;
+  if (!anyMatchesWhole(agents_, e.agentName()) || !anyMatchesWhole(groups_, e.messageGroup())) {
+    return false;
   }
-  KronlogReader::Config::Ptr config = KronlogReader::configFactory();
-  config->dirIs(agents);
-  config->agentPatternIs(filter.agentPattern);
-  config->messageGroupPatternIs(filter.messageGroupPattern);
-  config->minTimestampIs(filter.minTimestamp);
-  config->maxTimestampIs(filter.maxTimestamp);
-  KronlogReader::Status::Ptr merged = KronlogReader::statusFactory();
-  KronlogReader::readerFactory(config, merged);
+  if (grep_.empty()) return true;
+  const std::string_view message = e.message().view();
+  return std::regex_search(message.begin(), message.end(), grep_.front());
+}
+
+LoadedStore loadStore(const std::string& path) {
+  LoadedStore store;
+  store.name = path;
+  if (path != "-") {
+    store.reading = KronlogStore::readStoreFile(path, *store.entries);
+    return store;
+  }
+  std::string bytes;
+  char chunk[1 << 16];
+  for (;;) {
+    const ssize_t n = ::read(0, chunk, sizeof chunk);
+    if (n > 0) {
+      bytes.append(chunk, static_cast<std::size_t>(n));
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      store.reading.problems.push_back(
+          {KronlogStore::StoreFault::cannotRead, bytes.size(),
+           std::string("cannot read standard input: ") + std::strerror(errno)});
+      return store;
+    }
+  }
+  store.reading = KronlogStore::readStore(bytes, *store.entries);
+  return store;
+}
+
+std::vector<KronlogReader::LogEntry::Ptr> mergeStores(const std::vector<LoadedStore>& stores,
+                                                      const EntryFilter& filter) {
+  std::vector<KronlogReader::LogEntry::Ptr> merged;
+  for (const LoadedStore& store : stores) {
+    if (store.reading.fatalCheck()) continue;
+    for (auto it = store.entries->logIterConst(); it; ++it) {
+      if (filter.keeps(*it->value())) merged.push_back(it->value());
+    }
+  }
+  std::stable_sort(
+      merged.begin(), merged.end(),
+      [](const KronlogReader::LogEntry::Ptr& a, const KronlogReader::LogEntry::Ptr& b) {
+        return a->timestamp() < b->timestamp();
+      });
   return merged;
+}
+
+void limitAndOrder(std::vector<KronlogReader::LogEntry::Ptr>* entries, long long lines,
+                   bool reverse) {
+  if (lines >= 0 && static_cast<unsigned long long>(lines) < entries->size()) {
+    entries->erase(entries->begin(), entries->end() - lines);
+  }
+  if (reverse) std::reverse(entries->begin(), entries->end());
 }
 
 }  // namespace KronlogTool

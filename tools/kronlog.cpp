@@ -1,12 +1,14 @@
-// kronlog: answers "what happened, in order" from a store file.
+// kronlog: answers "what happened, in order" from store files.
 //
-//   kronlog show  [--store PATH] [--agent RE] [--group RE] [--since T] [--until T]
-//                 [--output short|json|jsonl]
+//   kronlog show  [--store PATH]... [filters] [--output short|cat|json|jsonl] ...
 //   kronlog check [--store PATH]
 //   kronlog demo  [--store PATH]
+//   kronlog help [COMMAND]
 //
-// Exit status: 0 ok, 1 data error (store missing, unreadable or not
-// restorable), 2 usage error. Messages go to stderr, one line each.
+// Exit status: 0 ok, 1 data error (a store missing, unreadable or not
+// wholly readable; output that cannot be written), 2 usage error. Messages
+// go to stderr, one line each.
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -14,35 +16,46 @@
 #include <vector>
 
 #include "tools/Commands.h"
+#include "tools/Output.h"
+#include "tools/Usage.h"
 
 namespace {
 
-const char kUsage[] =
-    "usage: kronlog <command> [options]\n"
-    "\n"
-    "commands:\n"
-    "  show    print the merged history of a store file, filtered\n"
-    "  check   validate a store file without restoring it\n"
-    "  demo    run the whole system once, end to end\n"
-    "\n"
-    "'kronlog <command> --help' describes a command; 'kronlog --version' the version.\n"
-    "Exit status: 0 ok, 1 data error, 2 usage error.\n";
+int help(const std::vector<std::string>& args) {
+  if (args.empty()) {
+    std::fputs(KronlogTool::kUsage, stdout);
+    return KronlogTool::kExitOk;
+  }
+  const std::string& topic = args.front();
+  const char* text = topic == "show"    ? KronlogTool::kShowUsage
+                     : topic == "check" ? KronlogTool::kCheckUsage
+                     : topic == "demo"  ? KronlogTool::kDemoUsage
+                                        : nullptr;
+  if (!text || args.size() > 1) {
+    std::fprintf(stderr, "kronlog help: no command '%s' (try 'kronlog --help')\n",
+                 KronlogTool::escapeForTerminal(topic).c_str());
+    return KronlogTool::kExitUsage;
+  }
+  std::fputs(text, stdout);
+  return KronlogTool::kExitOk;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A reader that goes away (kronlog show | head) shows up as a failed
+  // write, which ends the output quietly, not as a signal.
+  std::signal(SIGPIPE, SIG_IGN);
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) {
-    std::fputs(kUsage, stderr);
+    std::fputs(KronlogTool::kUsage, stderr);
     return KronlogTool::kExitUsage;
   }
   const std::string command = args.front();
   args.erase(args.begin());
   try {
-    if (command == "--help" || command == "-h" || command == "help") {
-      std::fputs(kUsage, stdout);
-      return KronlogTool::kExitOk;
-    }
+    if (command == "--help" || command == "-h") return help({});
+    if (command == "help") return help(args);
     if (command == "--version") {
       std::printf("kronlog %s (libkronlog.so.0)\n", KRONLOG_VERSION);
       return KronlogTool::kExitOk;
@@ -50,11 +63,14 @@ int main(int argc, char** argv) {
     if (command == "show") return KronlogTool::showCommand(args);
     if (command == "check") return KronlogTool::checkCommand(args);
     if (command == "demo") return KronlogTool::demoCommand(args);
+    if (command == "demo-agents") return KronlogTool::demoAgentsCommand(args);
+    if (command == "demo-restore") return KronlogTool::demoRestoreCommand(args);
   } catch (const std::exception& e) {
     // Not expected: every input is validated first. Still one line, no trace.
     std::fprintf(stderr, "kronlog %s: internal error: %s\n", command.c_str(), e.what());
     return KronlogTool::kExitData;
   }
-  std::fprintf(stderr, "kronlog: unknown command '%s' (try 'kronlog --help')\n", command.c_str());
+  std::fprintf(stderr, "kronlog: unknown command '%s' (try 'kronlog --help')\n",
+               KronlogTool::escapeForTerminal(command).c_str());
   return KronlogTool::kExitUsage;
 }

@@ -12,7 +12,9 @@
 #ifndef KRONLOG_KRONLOGRESTORER_H
 #define KRONLOG_KRONLOGRESTORER_H
 
+#include <cstdint>
 #include <iosfwd>
+#include <limits>
 
 #include "kronlog/Export.h"
 #include "kronlog/KronlogWriter.h"
@@ -21,6 +23,12 @@
 #include "qel/String.h"
 
 namespace KronlogRestorer {
+
+// The restorer's position counter over the store's entries. It is 8 bits
+// wide by design: with more entries than it can count, the walk wraps to
+// position 0 while entries remain and never ends.
+using Position = std::uint8_t;
+constexpr std::size_t kMaxRestorableEntries = std::numeric_limits<Position>::max();
 
 // Where to restore: a writer directory, compared by identity.
 class KRONLOG_EXPORT Config {

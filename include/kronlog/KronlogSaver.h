@@ -2,8 +2,10 @@
 //
 //   KronlogSaver::saverFactory(config);  // reads and saves now
 //
-// With no directories configured, or nothing read, the store file is left
-// as it was. Outcomes are reported only through traces.
+// With no directories configured, a pattern that does not compile, or
+// nothing read, the store file is left as it was. Outcomes are reported
+// only through traces (a bad pattern by a level-0 trace that names it);
+// nothing is thrown for them.
 #ifndef KRONLOG_KRONLOGSAVER_H
 #define KRONLOG_KRONLOGSAVER_H
 

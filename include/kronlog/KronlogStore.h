@@ -8,11 +8,16 @@
 //   {"Kronlog":[{"timestamp":1700000000.25,"agentName":"Bgp",
 //                "messageGroup":"peer","message":"link down"}]}
 // (the JSON on one line). Both operations report only through traces.
+// readStore (kronlog/StoreReading.h) reads a store without ending the
+// process, and says what a restore would make of it.
 #ifndef KRONLOG_KRONLOGSTORE_H
 #define KRONLOG_KRONLOGSTORE_H
 
+#include <string>
+
 #include "kronlog/Export.h"
 #include "kronlog/KronlogReader.h"
+#include "kronlog/StoreReading.h"
 #include "qel/Allocator.h"
 #include "qel/Ptr.h"
 #include "qel/String.h"
@@ -70,6 +75,20 @@ class KRONLOG_EXPORT JsonStore : public Store {
   // file is treated as fatal.
   void doRestore() override;
 };
+
+// The path both store operations use, by the one rule: the value of the
+// environment variable KRONLOG_STORE_FILE_PATH when it is set (even to the
+// empty string, which no file has), else Store::klStoreFile(). Read anew at
+// every call.
+KRONLOG_EXPORT std::string storeFilePath();
+
+// One entry as a compact JSON object, members in the store's order:
+//   {"timestamp":1700000000.25,"agentName":"Bgp","messageGroup":"peer","message":"up"}
+// The timestamp reads back to the same double. A text that is valid UTF-8
+// is a JSON string (a NUL in it written \u0000); any other text is an array
+// of its byte values, [98,255,...], so the output is always valid JSON and
+// loses nothing.
+KRONLOG_EXPORT std::string entryJson(const KronlogReader::LogEntry& entry);
 
 // Never null; Qel::RangeException "null ValidPtr" otherwise.
 KRONLOG_EXPORT Store::Ptr storeFactory(Qel::Ptr<KronlogReader::Status> const& events);

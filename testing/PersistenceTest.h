@@ -1,12 +1,12 @@
-// What the persistence tests share: a private directory per test with the
-// store path pointed into it, a sink that keeps every trace record, and
-// small readers of files and status logs.
+// Test support for the persistence suites: a private directory per test
+// with the store path pointed into it, a sink that keeps every trace
+// record, and status logs compared row by row.
 //
 // Every test gets a fresh directory and its own KRONLOG_STORE_FILE_PATH,
 // and gets back the environment, the trace levels and the sink it found,
 // so tests cannot see each other's files or traces.
-#ifndef KRONLOG_PERSISTENCE_PERSISTENCETESTSUPPORT_H
-#define KRONLOG_PERSISTENCE_PERSISTENCETESTSUPPORT_H
+#ifndef KRONLOG_TESTING_PERSISTENCETEST_H
+#define KRONLOG_TESTING_PERSISTENCETEST_H
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -28,12 +28,17 @@
 #include "kronlog/KronlogStore.h"
 #include "qel/String.h"
 #include "qel/Trace.h"
+#include "testing/StoreFiles.h"
+#include "testing/TempDir.h"
 #include "testing/TraceCapture.h"
 
 namespace KronlogTest {
 
 namespace fs = std::filesystem;
+using KronlogTesting::directoryEntries;
+using KronlogTesting::readFile;
 using KronlogTesting::Seen;
+using KronlogTesting::writeFile;
 
 constexpr std::uint32_t kAllLevels = 0x7;  // the library traces at 0, 1 and 2
 constexpr std::uint32_t kLevel0 = 0x1;
@@ -111,51 +116,22 @@ inline std::vector<Row> statusRows(const KronlogReader::Status& status) {
   return rows;
 }
 
-inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-inline void writeFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << bytes;
-  ASSERT_TRUE(out.good()) << path;
-}
-
-// Names of the entries of `dir`, sorted.
-inline std::vector<std::string> directoryEntries(const std::string& dir) {
-  std::vector<std::string> names;
-  for (const auto& e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 // A fresh directory with the store path pointing at "store" in it, and
 // trace capture at every level.
 class PersistenceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/kronlog-persist-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr) << std::strerror(errno);
-    dir_ = pattern;
-    storePath_ = dir_ + "/store";
+    storePath_ = dir_.pathIn("store");
     storePathIs(storePath_);
     traceLevels(kAllLevels);
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
   }
 
   void traceLevels(std::uint32_t mask) { Qel::traceLevelsIs("Kronlog", mask); }
   void storePathIs(const std::string& path) { ::setenv(kPathVariable, path.c_str(), 1); }
 
-  const std::string& dir() const { return dir_; }
+  const std::string& dir() const { return dir_.path(); }
   const std::string& storePath() const { return storePath_; }
-  std::string pathIn(const std::string& name) const { return dir_ + "/" + name; }
+  std::string pathIn(const std::string& name) const { return dir_.pathIn(name); }
 
   void writeStoreFile(const std::string& bytes) { writeFile(storePath_, bytes); }
   std::string readStoreFile() const { return readFile(storePath_); }
@@ -183,7 +159,7 @@ class PersistenceTest : public ::testing::Test {
 
  private:
   SavedPathVariable savedPath_;
-  std::string dir_;
+  KronlogTesting::TempDir dir_{"kronlog-persist"};
   std::string storePath_;
   KronlogTesting::CapturingSink sink_;
 };
@@ -211,4 +187,4 @@ class DeathTestBase : public ::testing::Test {
 
 }  // namespace KronlogTest
 
-#endif  // KRONLOG_PERSISTENCE_PERSISTENCETESTSUPPORT_H
+#endif  // KRONLOG_TESTING_PERSISTENCETEST_H

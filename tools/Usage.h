@@ -1,0 +1,76 @@
+// The tool's help texts, one per command. The manual page kronlog(1)
+// describes the same options; a test keeps the two in step.
+#ifndef KRONLOG_TOOLS_USAGE_H
+#define KRONLOG_TOOLS_USAGE_H
+
+namespace KronlogTool {
+
+inline constexpr char kUsage[] =
+    "usage: kronlog <command> [options]\n"
+    "\n"
+    "commands:\n"
+    "  show    print the merged history of store files, filtered\n"
+    "  check   tell whether a store file restores completely, and why not\n"
+    "  demo    run the whole system once, end to end\n"
+    "  help    describe a command: kronlog help show\n"
+    "\n"
+    "'kronlog <command> --help' describes a command; 'kronlog --version' the version.\n"
+    "Exit status: 0 ok, 1 data error, 2 usage error.\n";
+
+inline constexpr char kShowUsage[] =
+    "usage: kronlog show [options]\n"
+    "\n"
+    "Prints the merged history of one or more store files, oldest first.\n"
+    "  --store PATH         a store file, '-' for standard input; repeat to merge\n"
+    "                       several by timestamp (default: $KRONLOG_STORE_FILE_PATH,\n"
+    "                       else /mnt/flash/kronlog-persistent-store)\n"
+    "  --agent RE           keep agents whose whole name matches RE (ECMAScript);\n"
+    "                       repeat: any of them matches\n"
+    "  --group RE           the same for message groups\n"
+    "  -g, --grep RE        keep events whose message matches RE anywhere\n"
+    "  -i, --case-insensitive\n"
+    "                       --agent, --group and --grep ignore case\n"
+    "  --since T            keep events at or after T\n"
+    "  --until T            keep events at or before T\n"
+    "                       T: 1700000000.5, 2026-11-21T10:00:00Z,\n"
+    "                       2026-11-21T10:00:00+02:00, 2026-11-21 10:00 (local),\n"
+    "                       2026-11-21 (local midnight), today, yesterday, now,\n"
+    "                       -15m, -1h30m, -2d (before now)\n"
+    "  -n, --lines N        only the last N events after filtering\n"
+    "  -r, --reverse        newest first\n"
+    "  -o, --output FMT     short (default): time agent group message, one line each;\n"
+    "                       cat: the message alone; json: one array;\n"
+    "                       jsonl: one object per line\n"
+    "  --fields LIST        the columns of short, in order: time,agent,group,message\n"
+    "  --localtime          short shows local time with its offset (default: UTC, Z)\n"
+    "  --no-color           no colour (also when NO_COLOR is set, or not a terminal)\n"
+    "  --no-pager           do not page (the pager is $PAGER, else less -FRSX)\n"
+    "In json and jsonl, a text that is not valid UTF-8 is an array of its byte values.\n"
+    "Exit status: 0 ok; 1 a store missing, unreadable or not wholly readable (each\n"
+    "problem is one line on stderr, with its byte offset), or output that cannot be\n"
+    "written; 2 usage error.\n";
+
+inline constexpr char kCheckUsage[] =
+    "usage: kronlog check [options]\n"
+    "\n"
+    "Tells whether the library restores a store file completely, without\n"
+    "restoring it: header lines, JSON syntax and shape, each event's members,\n"
+    "and the number of entries; lists the entries per agent and group.\n"
+    "  --store PATH         the store file, '-' for standard input (default:\n"
+    "                       $KRONLOG_STORE_FILE_PATH, else\n"
+    "                       /mnt/flash/kronlog-persistent-store)\n"
+    "Exit status: 0 the library restores it completely; 1 a restore would end\n"
+    "the process, never finish, or not bring back every event (each problem is\n"
+    "one line on stderr, with its byte offset); 2 usage error.\n";
+
+inline constexpr char kDemoUsage[] =
+    "usage: kronlog demo [options]\n"
+    "\n"
+    "Runs the whole system once: a child process plays a device's agents,\n"
+    "records events (some overflow), reads them merged and saves the store;\n"
+    "a second process restores one agent's history; then the store is shown.\n"
+    "  --store PATH         where the store file goes (default: ./kronlog-demo-store)\n";
+
+}  // namespace KronlogTool
+
+#endif  // KRONLOG_TOOLS_USAGE_H

@@ -1,0 +1,41 @@
+# bash completion for kronlog(1). The option lists match 'kronlog <command>
+# --help'; a test keeps them in step.
+
+_kronlog() {
+  local cur prev command
+  cur=${COMP_WORDS[COMP_CWORD]}
+  prev=${COMP_WORDS[COMP_CWORD-1]}
+  command=${COMP_WORDS[1]}
+  if [ "$COMP_CWORD" -eq 1 ]; then
+    COMPREPLY=($(compgen -W "show check demo help --help --version" -- "$cur"))
+    return
+  fi
+  case $prev in
+    --store)
+      COMPREPLY=($(compgen -f -- "$cur"))
+      return ;;
+    -o|--output)
+      COMPREPLY=($(compgen -W "short cat json jsonl" -- "$cur"))
+      return ;;
+    --fields)
+      COMPREPLY=($(compgen -W "time agent group message time,agent,group,message" -- "$cur"))
+      return ;;
+    --since|--until)
+      COMPREPLY=($(compgen -W "now today yesterday -15m -1h -1d" -- "$cur"))
+      return ;;
+    --agent|--group|-g|--grep|-n|--lines)
+      return ;;
+  esac
+  local options
+  case $command in
+    show)
+      options="--store --agent --group -g --grep -i --case-insensitive --since --until -n --lines
+               -r --reverse -o --output --fields --localtime --no-color --no-pager --help" ;;
+    check|demo)
+      options="--store --help" ;;
+    help)
+      options="show check demo" ;;
+  esac
+  COMPREPLY=($(compgen -W "$options" -- "$cur"))
+}
+complete -o default -F _kronlog kronlog
