@@ -51,21 +51,14 @@ std::ostream& operator<<(std::ostream& os, const Config& value) {
 
 QEL_TRACKED_ALLOCATION_DEFINE(Restorer, "KronlogRestorer::Restorer")
 
-Restorer::Restorer(Config const& config) : config_(config), initialized_(false) {
+Restorer::Restorer(Config const& config) : config_(config) {
   handleInitialized();
 }
 
 Restorer::~Restorer() = default;
 
 Restorer::Ptr restorerFactory(Config const& config) {
-  Restorer::Ptr r(new Restorer(config));
-  if (!r) Qel::throwRangeException("null ValidPtr");
-  return r;
-}
-
-void Restorer::handleInitialized() {
-  doRestore();
-  initializedIs(true);
+  return Restorer::Ptr(new Restorer(config));
 }
 
 void Restorer::doRestore() {
@@ -109,10 +102,7 @@ void Restorer::doRestore() {
   }
 }
 
-const Qel::TypeNode* Restorer::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogRestorer::Restorer");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(Restorer, "KronlogRestorer::Restorer")
 
 // ---- Registration, in load order: Restorer, Config.
 
@@ -122,18 +112,9 @@ const bool registered = [] {
   using Qel::PtrInterface;
   using Qel::TypeNode;
   Qel::Ptr<TypeNode> restorer(new TypeNode("KronlogRestorer::Restorer", TypeNode::Kind::entity));
-  restorer
-      ->attributeIs("initialized",
-                    [](const PtrInterface& o) {
-                      return Qel::valueToStrep(static_cast<const Restorer&>(o).initialized());
-                    })
-      .attributeIs("config",
-                   [](const PtrInterface& o) {
-                     return valueToStrep(static_cast<const Restorer&>(o).config());
-                   })
-      .operationIs("doRestore", [](PtrInterface& o) { static_cast<Restorer&>(o).doRestore(); })
-      .operationIs("handleInitialized",
-                   [](PtrInterface& o) { static_cast<Restorer&>(o).handleInitialized(); });
+  Restorer::reflectionIs(*restorer, "doRestore").attributeIs("config", [](const PtrInterface& o) {
+    return valueToStrep(static_cast<const Restorer&>(o).config());
+  });
   Qel::typeNodeIs(restorer);
 
   Qel::Ptr<TypeNode> config(new TypeNode("KronlogRestorer::Config", TypeNode::Kind::value));

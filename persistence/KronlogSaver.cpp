@@ -27,22 +27,14 @@ bool compiles(const Qel::String& pattern) {
 
 QEL_TRACKED_ALLOCATION_DEFINE(Saver, "KronlogSaver::Saver")
 
-Saver::Saver(Qel::Ptr<KronlogReader::Config const> const& config)
-    : config_(config), initialized_(false) {
+Saver::Saver(Qel::Ptr<KronlogReader::Config const> const& config) : config_(config) {
   handleInitialized();
 }
 
 Saver::~Saver() = default;
 
 Saver::Ptr saverFactory(Qel::Ptr<KronlogReader::Config const> const& config) {
-  Saver::Ptr s(new Saver(config));
-  if (!s) Qel::throwRangeException("null ValidPtr");
-  return s;
-}
-
-void Saver::handleInitialized() {
-  doSave();
-  initializedIs(true);
+  return Saver::Ptr(new Saver(config));
 }
 
 void Saver::doSave() {
@@ -73,10 +65,7 @@ void Saver::doSave() {
   store->doStore();
 }
 
-const Qel::TypeNode* Saver::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogSaver::Saver");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(Saver, "KronlogSaver::Saver")
 
 namespace {
 
@@ -84,14 +73,7 @@ const bool registered = [] {
   using Qel::PtrInterface;
   Qel::Ptr<Qel::TypeNode> saver(
       new Qel::TypeNode("KronlogSaver::Saver", Qel::TypeNode::Kind::entity));
-  saver
-      ->attributeIs("initialized",
-                    [](const PtrInterface& o) {
-                      return Qel::valueToStrep(static_cast<const Saver&>(o).initialized());
-                    })
-      .operationIs("doSave", [](PtrInterface& o) { static_cast<Saver&>(o).doSave(); })
-      .operationIs("handleInitialized",
-                   [](PtrInterface& o) { static_cast<Saver&>(o).handleInitialized(); });
+  Saver::reflectionIs(*saver, "doSave");
   Qel::typeNodeIs(saver);
   return true;
 }();

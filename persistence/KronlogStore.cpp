@@ -68,10 +68,7 @@ const Qel::String& Store::klStoreFile() {
   return *value;
 }
 
-const Qel::TypeNode* Store::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogStore::Store");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(Store, "KronlogStore::Store")
 
 void Store::doStore() {
   KRONLOG_TRACE(0, kFile, 40, "doStore", << kStoreDoStore);
@@ -83,9 +80,7 @@ void Store::doRestore() {
 }
 
 Store::Ptr storeFactory(Qel::Ptr<KronlogReader::Status> const& events) {
-  Store::Ptr s(new Store(events));
-  if (!s) Qel::throwRangeException("null ValidPtr");
-  return s;
+  return Store::Ptr(new Store(events));
 }
 
 // ---- JsonStore
@@ -106,15 +101,10 @@ const Qel::String& JsonStore::storeVersion() {
   return *value;
 }
 
-const Qel::TypeNode* JsonStore::fwkType() const {
-  static const Qel::TypeNode* type = Qel::typeNode("KronlogStore::JsonStore");
-  return type;
-}
+QEL_FWK_TYPE_DEFINE(JsonStore, "KronlogStore::JsonStore")
 
 JsonStore::Ptr jsonStoreFactory(Qel::Ptr<KronlogReader::Status> const& events) {
-  JsonStore::Ptr s(new JsonStore(events));
-  if (!s) Qel::throwRangeException("null ValidPtr");
-  return s;
+  return JsonStore::Ptr(new JsonStore(events));
 }
 
 void JsonStore::doStore() {

@@ -21,6 +21,7 @@
 #include "qel/Allocator.h"
 #include "qel/Ptr.h"
 #include "qel/String.h"
+#include "qel/WorkAtConstruction.h"
 
 namespace KronlogRestorer {
 
@@ -53,7 +54,7 @@ class KRONLOG_EXPORT Config {
 KRONLOG_EXPORT Qel::String valueToStrep(const Config& value);
 KRONLOG_EXPORT std::ostream& operator<<(std::ostream& os, const Config& value);
 
-class KRONLOG_EXPORT Restorer : public Qel::PtrInterface {
+class KRONLOG_EXPORT Restorer : public Qel::PtrInterface, public Qel::WorkAtConstruction<Restorer> {
   QEL_TRACKED_ALLOCATION()
 
  public:
@@ -63,13 +64,11 @@ class KRONLOG_EXPORT Restorer : public Qel::PtrInterface {
   explicit Restorer(Config const& config);
 
   const Config& config() const noexcept { return config_; }
-  bool initialized() const noexcept { return initialized_; }
-  void initializedIs(bool value) noexcept { initialized_ = value; }
 
-  // Restores the whole store file again on every call.
+  // Restores the whole store file again on every call. handleInitialized()
+  // runs it, then sets initialized whatever it found.
   void doRestore();
-  // doRestore(), then initializedIs(true) whatever it found.
-  void handleInitialized();
+  static constexpr void (Restorer::*kWork)() = &Restorer::doRestore;
 
   const Qel::TypeNode* fwkType() const override;
 
@@ -78,7 +77,6 @@ class KRONLOG_EXPORT Restorer : public Qel::PtrInterface {
 
  private:
   Config config_;
-  bool initialized_;
 };
 
 // Restores; never null.

@@ -13,10 +13,11 @@
 #include "kronlog/KronlogReader.h"
 #include "qel/Allocator.h"
 #include "qel/Ptr.h"
+#include "qel/WorkAtConstruction.h"
 
 namespace KronlogSaver {
 
-class KRONLOG_EXPORT Saver : public Qel::PtrInterface {
+class KRONLOG_EXPORT Saver : public Qel::PtrInterface, public Qel::WorkAtConstruction<Saver> {
   QEL_TRACKED_ALLOCATION()
 
  public:
@@ -26,13 +27,11 @@ class KRONLOG_EXPORT Saver : public Qel::PtrInterface {
   explicit Saver(Qel::Ptr<KronlogReader::Config const> const& config);
 
   const Qel::Ptr<KronlogReader::Config const>& config() const noexcept { return config_; }
-  bool initialized() const noexcept { return initialized_; }
-  void initializedIs(bool value) noexcept { initialized_ = value; }
 
-  // One complete save; each call saves afresh.
+  // One complete save; each call saves afresh. handleInitialized() runs
+  // it, then sets initialized whatever it found.
   void doSave();
-  // doSave(), then initializedIs(true) whatever it found.
-  void handleInitialized();
+  static constexpr void (Saver::*kWork)() = &Saver::doSave;
 
   const Qel::TypeNode* fwkType() const override;
 
@@ -41,7 +40,6 @@ class KRONLOG_EXPORT Saver : public Qel::PtrInterface {
 
  private:
   Qel::Ptr<KronlogReader::Config const> config_;
-  bool initialized_;
 };
 
 // Saves; never null.

@@ -90,7 +90,7 @@ KRONLOG_EXPORT std::string storeFilePath();
 // loses nothing.
 KRONLOG_EXPORT std::string entryJson(const KronlogReader::LogEntry& entry);
 
-// Never null; Qel::RangeException "null ValidPtr" otherwise.
+// Never null: a failed allocation throws std::bad_alloc.
 KRONLOG_EXPORT Store::Ptr storeFactory(Qel::Ptr<KronlogReader::Status> const& events);
 KRONLOG_EXPORT JsonStore::Ptr jsonStoreFactory(Qel::Ptr<KronlogReader::Status> const& events);
 
