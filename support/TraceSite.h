@@ -18,16 +18,7 @@
   }
 
 // KRONLOG_TRACE(1, "KronlogWriter", 17, "eventIs", << "eventIs size: " << n);
-#define KRONLOG_TRACE(level, file, line, function, pieces)                                      \
-  do {                                                                                          \
-    ::Qel::TraceHelperStorage qelTraceStorage_;                                                 \
-    ::Qel::TraceHelper* qelTraceHelper_ =                                                       \
-        ::Qel::TraceHelper::createIfEnabled(_defaultTraceHandle(), (level), &qelTraceStorage_); \
-    if (qelTraceHelper_) {                                                                      \
-      ::Qel::EnsureTraceHelperIsDestroyed qelTraceGuard_(qelTraceHelper_);                      \
-      qelTraceHelper_->stream pieces;                                                           \
-      qelTraceHelper_->trace((file), (line), (function));                                       \
-    }                                                                                           \
-  } while (0)
+#define KRONLOG_TRACE(level, file, line, function, pieces) \
+  QEL_TRACE(_defaultTraceHandle(), level, file, line, function, pieces)
 
 #endif  // KRONLOG_SUPPORT_TRACESITE_H

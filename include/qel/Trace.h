@@ -119,6 +119,22 @@ class EnsureTraceHelperIsDestroyed {
   TraceHelper* helper_;
 };
 
+// One trace site: asks `handle` for a helper at `level` and, only when the
+// level is enabled, writes `pieces` (a chain of `<< value`) into it and
+// emits it with the location given. Nothing is formatted otherwise.
+//   QEL_TRACE(handle(), 1, "Widget", 17, "frob", << "frob size: " << n);
+#define QEL_TRACE(handle, level, file, line, function, pieces)                     \
+  do {                                                                             \
+    ::Qel::TraceHelperStorage qelTraceStorage_;                                    \
+    ::Qel::TraceHelper* qelTraceHelper_ =                                          \
+        ::Qel::TraceHelper::createIfEnabled((handle), (level), &qelTraceStorage_); \
+    if (qelTraceHelper_) {                                                         \
+      ::Qel::EnsureTraceHelperIsDestroyed qelTraceGuard_(qelTraceHelper_);         \
+      qelTraceHelper_->stream pieces;                                              \
+      qelTraceHelper_->trace((file), (line), (function));                          \
+    }                                                                              \
+  } while (0)
+
 // Sets the enabled levels of a facility as a bit mask (bit n: level n).
 QEL_EXPORT void traceLevelsIs(const String& facility, std::uint32_t levelMask);
 QEL_EXPORT std::uint32_t traceLevels(const String& facility);

@@ -10,16 +10,7 @@ namespace Qel {
 QEL_EXPORT TraceHandle& streamTraceHandle();
 }  // namespace Qel
 
-#define QEL_STREAM_TRACE(level, file, line, function, pieces)                  \
-  do {                                                                         \
-    ::Qel::TraceHelperStorage qelTraceStorage_;                                \
-    ::Qel::TraceHelper* qelTraceHelper_ = ::Qel::TraceHelper::createIfEnabled( \
-        ::Qel::streamTraceHandle(), (level), &qelTraceStorage_);               \
-    if (qelTraceHelper_) {                                                     \
-      ::Qel::EnsureTraceHelperIsDestroyed qelTraceGuard_(qelTraceHelper_);     \
-      qelTraceHelper_->stream pieces;                                          \
-      qelTraceHelper_->trace((file), (line), (function));                      \
-    }                                                                          \
-  } while (0)
+#define QEL_STREAM_TRACE(level, file, line, function, pieces) \
+  QEL_TRACE(::Qel::streamTraceHandle(), level, file, line, function, pieces)
 
 #endif  // QEL_STREAM_STREAMTRACE_H
