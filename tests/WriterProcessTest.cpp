@@ -56,6 +56,12 @@ class WriterProcessTest : public ::testing::Test {
     WriterDir::Ptr dir = KronlogWriter::writerDirFactory("agent");
     Qel::StreamServer::Ptr server = KronlogWriter::writerDirServe(loop.ptr(), dir, path_);
     server->sendBufferCapacityIs(4096);
+    // Recording starts once the mount is in, so that it streams live and
+    // meets this process's stalls rather than ending in one snapshot.
+    Qel::Seconds end = Qel::EventLoop::monotonicNow() + 10;
+    while (server->connections().empty() && Qel::EventLoop::monotonicNow() < end) {
+      loop->runOnce(0.01);
+    }
     std::mt19937 rng(seed);
     const char* names[] = {"a", "b", "c"};
     const std::string pad(100, '.');
