@@ -159,6 +159,7 @@ void Writer::notifyOverflowCount() {
 }
 
 void Writer::overflowCountIs(unsigned int value) {
+  writeCheck();
   if (value == overflowCount_) return;
   overflowCount_ = value;
   notifyOverflowCount();
@@ -171,6 +172,7 @@ unsigned int Writer::overflowCountInc(unsigned int delta) {
 }
 
 void Writer::logMetadataIs(const LogMetadata& value) {
+  writeCheck();
   log_.indicesIs(value.firstIndex(), value.nextIndex());
   // Unconditional on purpose: a copy receiving the index state must hear
   // about it even when it already matches.
@@ -178,6 +180,7 @@ void Writer::logMetadataIs(const LogMetadata& value) {
 }
 
 void Writer::logIs(unsigned int index, const LogEntry& entry) {
+  writeCheck();
   if (WriterLogMember* m = log_.find(index)) {
     // The equality shortcut applies only below the entry count; at or above
     // it the value is written and notified even when equal.
@@ -305,6 +308,7 @@ static_assert(sizeof(WriterLogMember) % alignof(std::uint32_t) == 0,
 }  // namespace
 
 bool Writer::eventAdmitted() {
+  writeCheck();
   KRONLOG_TRACE(0, kFile, 14, "eventIs", << "void KronlogWriter::Writer::eventIs(Qel::String)");
   KRONLOG_TRACE(1, kFile, 17, "eventIs",
                 << "eventIs size: " << config_.size() << " len: " << log_.members());
@@ -371,6 +375,7 @@ Qel::NotifieeListBase* WriterDir::notifieeList() const {
 QEL_FWK_TYPE_DEFINE(WriterDir, "KronlogWriter::WriterDir")
 
 Writer::Ptr WriterDir::newWriter(const Qel::Name& name, const Config& config) {
+  writeCheck();
   if (writers_.member(name)) {
     Qel::throwNameInUseException(Qel::String("writer directory " + this->name().stdString() +
                                              " already holds a writer named " +
@@ -384,6 +389,7 @@ Writer::Ptr WriterDir::newWriter(const Qel::Name& name, const Config& config) {
 }
 
 Writer::Ptr WriterDir::writerIs(const Qel::Name& name, const Config& config) {
+  writeCheck();
   if (Writer* existing = writers_[name]) {
     if (existing->config() == config) return existing;
     // Requested value first, current value second.
@@ -399,6 +405,7 @@ Writer::Ptr WriterDir::writerIs(const Qel::Name& name, const Config& config) {
 }
 
 Writer::Ptr WriterDir::writerDel(const Qel::Name& name) {
+  writeCheck();
   Writer::Ptr removed = writers_.memberDel(name);
   if (!removed) return nullptr;
   removed->parentIs(nullptr);
@@ -414,6 +421,7 @@ Writer::Ptr WriterDir::writerDel(WriterIterator& it) {
 }
 
 void WriterDir::writerDelAll() {
+  writeCheck();
   for (WriterIterator it = writers_.begin(); it; ++it) writerDel(it);
 }
 

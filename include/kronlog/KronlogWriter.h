@@ -225,6 +225,8 @@ class KRONLOG_EXPORT Writer : public Qel::Entity,
 
  private:
   friend class Qel::LogAttribute<Writer, WriterLogMember, LogEntry>;
+  // The log's own mutators refuse a read-only copy too.
+  void logWriteCheck() const { writeCheck(); }
   // The policy half of eventIs: false when the event is dropped. An
   // evicted entry is kept in spare_ for the recording half.
   bool eventAdmitted();
@@ -304,6 +306,8 @@ class KRONLOG_EXPORT WriterDir : public Qel::Entity {
   ~WriterDir() override;
 
  private:
+  // The stream adapter adds a received writer to a copy's map.
+  friend class WriterDirNboAttrLogAdapter;
   WriterMap writers_;
   Qel::NotifieeListBase notifiees_;
 };

@@ -12,6 +12,7 @@
 #ifndef QEL_LOGATTRIBUTE_H
 #define QEL_LOGATTRIBUTE_H
 
+#include <type_traits>
 #include <utility>
 
 #include "qel/LinkQueue.h"
@@ -47,6 +48,7 @@ class LogAttribute {
   // Appends at the next index (never reusing one that dequeuing freed).
   // Throws RangeException "linkqueue index space full" when no index is left.
   void logEnq(Value entry) {
+    logChangeCheck();
     const unsigned int index = log_.effectiveNextIndex();
     Ptr<Member> m(new Member(index, std::move(entry)));
     log_.append(m.ptr());  // what newLog does at the next index, without the search
@@ -55,6 +57,7 @@ class LogAttribute {
   // Removes the oldest entry and returns it; Value(), and no notification,
   // when the log is empty.
   Value logDeq() {
+    logChangeCheck();
     Ptr<Member> m = log_.deq();
     if (!m) return Value();
     notify(m->index());
@@ -68,6 +71,7 @@ class LogAttribute {
   // building leaves this log as it was. Throws like logEnq, at the same
   // entry, when the index space fills up.
   void logSplice(LogQueue& pending) {
+    logChangeCheck();
     const unsigned int first = log_.appendIndex();
     const unsigned int added = pending.members();
     if (!log_.spliceBack(pending)) {
@@ -84,12 +88,14 @@ class LogAttribute {
   // logDeq without handing the entry back, for callers that would discard
   // it (a full log evicting its oldest entry).
   void logEvict() {
+    logChangeCheck();
     Ptr<Member> m = log_.deq();
     if (m) notify(m->index());
   }
   // Inserts a member at `index`, or replaces the one there, without
   // notifying; returns it. Throws like logEnq when no index is left.
   Ptr<Member> newLog(unsigned int index, const Value& entry) {
+    logChangeCheck();
     Ptr<Member> m(new Member(index, entry));
     log_.doMemberIs(index, m.ptr(), false);
     return m;
@@ -97,6 +103,7 @@ class LogAttribute {
   // Removes the entry with exactly that index and returns it; Value(), and
   // no notification, when there is none.
   Value logDel(unsigned int index) {
+    logChangeCheck();
     Ptr<Member> m = log_._memberDel(index);
     if (!m) return Value();
     notify(index);
@@ -116,6 +123,14 @@ class LogAttribute {
   LogAttribute& operator=(const LogAttribute&) = delete;
 
   void notify(unsigned int index) { static_cast<Owner*>(this)->logNotify(index); }
+  // An owner that can be a read-only copy refuses changes from user code:
+  // it declares logWriteCheck(), which throws for such a change.
+  template <class O = Owner>
+  auto writeCheckOf(O* owner) -> decltype(owner->logWriteCheck()) {
+    owner->logWriteCheck();
+  }
+  void writeCheckOf(...) {}
+  void logChangeCheck() { writeCheckOf(static_cast<Owner*>(this)); }
 
   LogQueue log_;
 };
