@@ -7,6 +7,8 @@
 
 namespace Qel {
 
+Dir::Notifiee::~Notifiee() = default;
+
 QEL_TRACKED_ALLOCATION_DEFINE(Dir, "Qel::Dir")
 
 Dir::Dir(Name name) : Entity(std::move(name)) {}

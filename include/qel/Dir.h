@@ -27,8 +27,10 @@ class QEL_EXPORT Dir : public Entity {
   using EntityIterator = EntityMap::Iterator;
   using EntityIteratorConst = EntityMap::IteratorConst;
 
-  class Notifiee : public Qel::Notifiee<Dir> {
+  class QEL_EXPORT Notifiee : public Qel::Notifiee<Dir> {
    public:
+    // Out of line: the type information lives in libqel alone.
+    ~Notifiee() override;
     // An entity was added under `name`, replaced, or removed.
     virtual void onEntity(const Name& name) {
       (void)name;

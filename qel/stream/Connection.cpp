@@ -16,6 +16,8 @@
 
 namespace Qel {
 
+Connection::Notifiee::~Notifiee() = default;
+
 using NboAttrLog::FormatException;
 using NboAttrLog::FrameHeader;
 using NboAttrLog::In;

@@ -13,6 +13,8 @@
 
 namespace Qel {
 
+Mount::Notifiee::~Notifiee() = default;
+
 namespace {
 constexpr char kFile[] = "Mount";
 }  // namespace

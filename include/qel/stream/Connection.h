@@ -45,8 +45,10 @@ class QEL_EXPORT Connection : public PtrInterface {
 
   static constexpr std::size_t kDefaultSendBufferBytes = 256 * 1024;
 
-  class Notifiee : public Qel::Notifiee<Connection> {
+  class QEL_EXPORT Notifiee : public Qel::Notifiee<Connection> {
    public:
+    // Out of line: the type information lives in libqel alone.
+    ~Notifiee() override;
     // Serving end: the peer's handshake arrived; stream the root now.
     virtual void onHandshake() {}
     // Mounting end: the end-of-snapshot record arrived: the copy is in sync.

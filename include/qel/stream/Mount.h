@@ -27,8 +27,11 @@ class QEL_EXPORT Mount : public PtrInterface {
  public:
   using Ptr = Qel::Ptr<Mount>;
 
-  class Notifiee : public Qel::Notifiee<Mount> {
+  class QEL_EXPORT Notifiee : public Qel::Notifiee<Mount> {
    public:
+    // Out of line, so that the class's type information lives in libqel
+    // alone and not in every library that derives from it.
+    ~Notifiee() override;
     // root() is a complete, current copy (after each snapshot).
     virtual void onSynced() {}
     // The connection dropped; root() keeps the last state it had.
