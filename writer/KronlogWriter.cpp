@@ -307,47 +307,28 @@ static_assert(sizeof(WriterLogMember) % alignof(std::uint32_t) == 0,
 
 }  // namespace
 
-bool Writer::eventAdmitted() {
+void Writer::eventIs(std::string_view message) {
   writeCheck();
   KRONLOG_TRACE(0, kFile, 14, "eventIs", << "void KronlogWriter::Writer::eventIs(Qel::String)");
   KRONLOG_TRACE(1, kFile, 17, "eventIs",
                 << "eventIs size: " << config_.size() << " len: " << log_.members());
   handleExcessiveLogEntries(*this);
   const Admission admission = isLogEntryAllowed(*this);
-  if (admission == Admission::drop) return false;
+  if (admission == Admission::drop) return;
+  Qel::Ptr<WriterLogMember> m;
   if (admission == Admission::evictOldest) {
-    evictToSpare();
+    m = logEvict();  // its block may take the new event
     overflowCountInc(1);
   }
   KRONLOG_ASSERT(log_.members() < config_.size(), "len < size()");
-  return true;
-}
-
-// logEvict, keeping the node for eventAppend to reuse.
-void Writer::evictToSpare() {
-  Qel::Ptr<WriterLogMember> m = log_.deq();
-  if (!m) return;
-  notify(m->index());
-  spare_ = std::move(m);
-}
-
-void Writer::eventAppend(std::string_view message) {
   const Qel::Seconds now = Qel::utcNow();
-  Qel::Ptr<WriterLogMember> m = std::move(spare_);
   if (!m || !WriterEventMember::reuse(*m, now, message)) {
     m = message.empty() ? Qel::Ptr<WriterLogMember>(new WriterLogMember(0, LogEntry(now, {})))
                         : WriterEventMember::make(now, message);
   }
   KRONLOG_TRACE(0, kFile, 27, "eventIs", << "eventIs timestamp: " << m->entry().timestamp()
                                          << " message: " << m->entry().message());
-  // What logEnq does with a member of its own making.
-  const unsigned int index = log_.effectiveNextIndex();
-  log_.append(m.ptr());
-  notify(index);
-}
-
-void Writer::eventIs(std::string_view message) {
-  if (eventAdmitted()) eventAppend(message);
+  logAppend(std::move(m));
 }
 
 // ---- WriterDir

@@ -227,21 +227,12 @@ class KRONLOG_EXPORT Writer : public Qel::Entity,
   friend class Qel::LogAttribute<Writer, WriterLogMember, LogEntry>;
   // The log's own mutators refuse a read-only copy too.
   void logWriteCheck() const { writeCheck(); }
-  // The policy half of eventIs: false when the event is dropped. An
-  // evicted entry is kept in spare_ for the recording half.
-  bool eventAdmitted();
-  // The recording half: stamps and appends an admitted event, in the
-  // evicted entry's block when it can be reused.
-  void eventAppend(std::string_view message);
-  void evictToSpare();
   void logNotify(unsigned int index);
   void notifyOverflowCount();
 
   Config config_;
   unsigned int overflowCount_ = 0;
   Qel::NotifieeListBase notifiees_;
-  // Set only between eventAdmitted and eventAppend of one eventIs.
-  Qel::Ptr<WriterLogMember> spare_;
 };
 
 KRONLOG_EXPORT Qel::String valueToStrep(const Writer::LogMetadata& value);

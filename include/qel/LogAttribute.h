@@ -49,10 +49,7 @@ class LogAttribute {
   // Throws RangeException "linkqueue index space full" when no index is left.
   void logEnq(Value entry) {
     logChangeCheck();
-    const unsigned int index = log_.effectiveNextIndex();
-    Ptr<Member> m(new Member(index, std::move(entry)));
-    log_.append(m.ptr());  // what newLog does at the next index, without the search
-    notify(index);
+    logAppend(Ptr<Member>(new Member(log_.effectiveNextIndex(), std::move(entry))));
   }
   // Removes the oldest entry and returns it; Value(), and no notification,
   // when the log is empty.
@@ -75,22 +72,20 @@ class LogAttribute {
     const unsigned int first = log_.appendIndex();
     const unsigned int added = pending.members();
     if (!log_.spliceBack(pending)) {
-      for (Ptr<Member> m = pending.deq(); m; m = pending.deq()) {
-        const unsigned int index = log_.effectiveNextIndex();
-        log_.append(m.ptr());
-        notify(index);
-      }
+      for (Ptr<Member> m = pending.deq(); m; m = pending.deq()) logAppend(std::move(m));
       return;
     }
     for (unsigned int k = 0; k < added; ++k) notify(first + k);
   }
 
-  // logDeq without handing the entry back, for callers that would discard
-  // it (a full log evicting its oldest entry).
-  void logEvict() {
+  // logDeq handing back the removed member instead of a copy of its entry
+  // (null when the log is empty): a full log evicting its oldest entry
+  // discards it, or reuses it for the next one.
+  Ptr<Member> logEvict() {
     logChangeCheck();
     Ptr<Member> m = log_.deq();
     if (m) notify(m->index());
+    return m;
   }
   // Inserts a member at `index`, or replaces the one there, without
   // notifying; returns it. Throws like logEnq when no index is left.
@@ -123,6 +118,13 @@ class LogAttribute {
   LogAttribute& operator=(const LogAttribute&) = delete;
 
   void notify(unsigned int index) { static_cast<Owner*>(this)->logNotify(index); }
+  // Links `m`, a member of no queue, at the next index and notifies: what
+  // newLog does there, without the search. Throws like logEnq.
+  void logAppend(Ptr<Member> m) {
+    const unsigned int index = log_.effectiveNextIndex();
+    log_.append(m.ptr());
+    notify(index);
+  }
   // An owner that can be a read-only copy refuses changes from user code:
   // it declares logWriteCheck(), which throws for such a change.
   template <class O = Owner>
