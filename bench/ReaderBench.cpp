@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/Spread.h"
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogWriter.h"
 #include "qel/Dir.h"
@@ -202,16 +203,6 @@ double timedRead(const KronlogReader::Config::Ptr& config, ReadFunction read, un
   const auto stop = std::chrono::steady_clock::now();
   *kept = status->logs();
   return std::chrono::duration<double>(stop - start).count();
-}
-
-struct Spread {
-  double median, p10, p90;
-};
-
-Spread spreadOf(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  auto at = [&](double q) { return v[static_cast<std::size_t>(q * (v.size() - 1) + 0.5)]; };
-  return {at(0.5), at(0.1), at(0.9)};
 }
 
 void summary() {

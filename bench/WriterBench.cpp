@@ -32,6 +32,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/Spread.h"
 #include "kronlog/KronlogWriter.h"
 #include "qel/Allocator.h"
 #include "qel/String.h"
@@ -140,11 +141,11 @@ void BM_WriterEventFreshString(benchmark::State& state) {
 }
 BENCHMARK(BM_WriterEventFreshString);
 
-// The same call shape as spdlog's: the writer copies the caller's text.
-void BM_WriterEventStringView(benchmark::State& state) {
+// Records `message` on a full writer, counting what the writer allocates.
+template <class Message>
+void writerEvent(benchmark::State& state, const Message& message) {
   tracingOff();
   KronlogWriter::Writer::Ptr w = fullWriter();
-  const std::string_view message(messageText());
   const std::uint64_t allocations = gAllocations;
   const std::uint64_t nodes = nodeSystemAllocations();
   for (auto _ : state) {
@@ -153,19 +154,15 @@ void BM_WriterEventStringView(benchmark::State& state) {
   allocationCounters(state, gAllocations - allocations, nodeSystemAllocations() - nodes);
   state.SetItemsProcessed(state.iterations());
 }
+
+// The same call shape as spdlog's: the writer copies the caller's text.
+void BM_WriterEventStringView(benchmark::State& state) {
+  writerEvent(state, std::string_view(messageText()));
+}
 BENCHMARK(BM_WriterEventStringView);
 
 void BM_WriterEventPrebuiltString(benchmark::State& state) {
-  tracingOff();
-  KronlogWriter::Writer::Ptr w = fullWriter();
-  const Qel::String message = freshMessage();
-  const std::uint64_t allocations = gAllocations;
-  const std::uint64_t nodes = nodeSystemAllocations();
-  for (auto _ : state) {
-    w->eventIs(message);
-  }
-  allocationCounters(state, gAllocations - allocations, nodeSystemAllocations() - nodes);
-  state.SetItemsProcessed(state.iterations());
+  writerEvent(state, freshMessage());
 }
 BENCHMARK(BM_WriterEventPrebuiltString);
 
@@ -280,16 +277,6 @@ struct Job {
   std::function<double()> sample;
   std::vector<double> ns;
 };
-
-struct Spread {
-  double median, p10, p90;
-};
-
-Spread spreadOf(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  auto at = [&](double q) { return v[static_cast<std::size_t>(q * (v.size() - 1) + 0.5)]; };
-  return {at(0.5), at(0.1), at(0.9)};
-}
 
 // Per-round ratios of two jobs, so that a slow round slows both sides.
 std::vector<double> ratios(const Job& a, const Job& b) {
