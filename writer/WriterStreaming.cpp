@@ -341,25 +341,12 @@ void WriterDirNboAttrLogAdapter::memberSend(const Qel::Name& name) {
 void WriterDirNboAttrLogAdapter::handleAttrDeserialization(RecordKind kind, Qel::AttributeId attr,
                                                            In& in) {
   if (attr != kWriterAttr) attrUnknown(attr, in);
-  std::uint64_t keyAt = in.offset();
-  Qel::Name name(in.string());
-  if (kind == RecordKind::memberDel) {
-    in.endExpect();
-    if (!dir_->writer(name)) {
-      throw Qel::NboAttrLog::FormatException(keyAt, Qel::String("no member " + name.stdString()));
-    }
+  Qel::Name name;
+  Writer* w = namedMemberRecord<Writer>(
+      kind, in, "writer", [this](const Qel::Name& n) { return dir_->writer(n) != nullptr; }, &name);
+  if (!w) {
     dir_->writerDel(name);
     return;
-  }
-  std::uint64_t idAt = in.offset();
-  EntityId id = in.u32();
-  in.endExpect();
-  Qel::StreamAdapter* child = connection()->adapter(id);
-  Writer* w = child ? dynamic_cast<Writer*>(child->entity()) : nullptr;
-  if (!w || w->name() != name || w->parent()) {
-    throw Qel::NboAttrLog::FormatException(
-        idAt, Qel::String("entity " + std::to_string(id) + " is not an orphan writer " +
-                          name.stdString()));
   }
   // A member of the same name is replaced: the source deleted and
   // recreated it while this copy was not listening.

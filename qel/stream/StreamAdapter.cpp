@@ -1,5 +1,6 @@
 #include "qel/stream/StreamAdapter.h"
 
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 
@@ -67,6 +68,32 @@ void StreamAdapter::handleEntityDel() {}
 
 void StreamAdapter::attrUnknown(AttributeId attr, In& in) {
   in.fail(String("unknown attribute identifier " + std::to_string(attr)));
+}
+
+Entity* StreamAdapter::namedMemberRecordOf(RecordKind kind, In& in, const char* what,
+                                           bool (*isMember)(const Entity*),
+                                           const std::function<bool(const Name&)>& present,
+                                           Name* name) {
+  const std::uint64_t keyAt = in.offset();
+  *name = Name(in.string());
+  if (kind == RecordKind::memberDel) {
+    in.endExpect();
+    if (!present(*name)) {
+      throw NboAttrLog::FormatException(keyAt, String("no member " + name->stdString()));
+    }
+    return nullptr;
+  }
+  const std::uint64_t idAt = in.offset();
+  const EntityId id = in.u32();
+  in.endExpect();
+  StreamAdapter* child = connection_->adapter(id);
+  Entity* member = child ? child->entity() : nullptr;
+  if (!member || !isMember(member) || member->name() != *name || member->parent()) {
+    throw NboAttrLog::FormatException(
+        idAt, String("entity " + std::to_string(id) + " is not an orphan " + what + " " +
+                     name->stdString()));
+  }
+  return member;
 }
 
 // ---- Registry
