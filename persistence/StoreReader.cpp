@@ -451,21 +451,33 @@ StoreReading readStoreBytes(std::string_view bytes, KronlogReader::Status& into,
   return Reading(into, tracing).run(bytes);
 }
 
-int readWholeFile(const char* path, std::string* bytes, bool* opened) {
-  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-  *opened = fd >= 0;
-  if (fd < 0) return errno;
-  int error = 0;
+namespace {
+// Reads `fd` to its end; 0, or the errno of the read that failed.
+int readAll(int fd, std::string* bytes) {
   char chunk[1 << 16];
   for (;;) {
     const ssize_t n = ::read(fd, chunk, sizeof chunk);
     if (n > 0) {
       bytes->append(chunk, static_cast<std::size_t>(n));
     } else if (n == 0 || errno != EINTR) {
-      error = n == 0 ? 0 : errno;
-      break;
+      return n == 0 ? 0 : errno;
     }
   }
+}
+
+StoreReading cannotRead(const char* verb, const std::string& name, std::size_t at, int error) {
+  StoreReading reading;
+  reading.problems.push_back(
+      {StoreFault::cannotRead, at, std::string(verb) + " " + name + ": " + std::strerror(error)});
+  return reading;
+}
+}  // namespace
+
+int readWholeFile(const char* path, std::string* bytes, bool* opened) {
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  *opened = fd >= 0;
+  if (fd < 0) return errno;
+  const int error = readAll(fd, bytes);
   ::close(fd);
   return error;
 }
@@ -478,12 +490,15 @@ StoreReading readStoreFile(const std::string& path, KronlogReader::Status& into)
   std::string bytes;
   bool opened = false;
   if (const int error = readWholeFile(path.c_str(), &bytes, &opened)) {
-    StoreReading reading;
-    reading.problems.push_back({StoreFault::cannotRead, bytes.size(),
-                                std::string(opened ? "cannot read " : "cannot open ") + path +
-                                    ": " + std::strerror(error)});
-    return reading;
+    return cannotRead(opened ? "cannot read" : "cannot open", path, bytes.size(), error);
   }
+  return readStore(bytes, into);
+}
+
+StoreReading readStoreDescriptor(int fd, const std::string& name, KronlogReader::Status& into) {
+  std::string bytes;
+  if (const int error = readAll(fd, &bytes))
+    return cannotRead("cannot read", name, bytes.size(), error);
   return readStore(bytes, into);
 }
 

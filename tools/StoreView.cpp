@@ -1,10 +1,6 @@
 #include "tools/StoreView.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 namespace KronlogTool {
 
@@ -58,26 +54,9 @@ bool EntryFilter::keeps(const KronlogReader::LogEntry& e) const {
 LoadedStore loadStore(const std::string& path) {
   LoadedStore store;
   store.name = path;
-  if (path != "-") {
-    store.reading = KronlogStore::readStoreFile(path, *store.entries);
-    return store;
-  }
-  std::string bytes;
-  char chunk[1 << 16];
-  for (;;) {
-    const ssize_t n = ::read(0, chunk, sizeof chunk);
-    if (n > 0) {
-      bytes.append(chunk, static_cast<std::size_t>(n));
-    } else if (n == 0) {
-      break;
-    } else if (errno != EINTR) {
-      store.reading.problems.push_back(
-          {KronlogStore::StoreFault::cannotRead, bytes.size(),
-           std::string("cannot read standard input: ") + std::strerror(errno)});
-      return store;
-    }
-  }
-  store.reading = KronlogStore::readStore(bytes, *store.entries);
+  store.reading = path == "-"
+                      ? KronlogStore::readStoreDescriptor(0, "standard input", *store.entries)
+                      : KronlogStore::readStoreFile(path, *store.entries);
   return store;
 }
 

@@ -69,6 +69,10 @@ KRONLOG_EXPORT StoreReading readStore(std::string_view bytes, KronlogReader::Sta
 // The same for the file at `path`, read once from start to end (a FIFO or a
 // device works); a file that cannot be read is a cannotRead problem.
 KRONLOG_EXPORT StoreReading readStoreFile(const std::string& path, KronlogReader::Status& into);
+// The same for an open descriptor (standard input, say), read to its end;
+// `name` stands for it in messages. The descriptor stays open.
+KRONLOG_EXPORT StoreReading readStoreDescriptor(int fd, const std::string& name,
+                                                KronlogReader::Status& into);
 
 }  // namespace KronlogStore
 
