@@ -342,8 +342,10 @@ void WriterDirNboAttrLogAdapter::handleAttrDeserialization(RecordKind kind, Qel:
                                                            In& in) {
   if (attr != kWriterAttr) attrUnknown(attr, in);
   Qel::Name name;
-  Writer* w = namedMemberRecord<Writer>(
-      kind, in, "writer", [this](const Qel::Name& n) { return dir_->writer(n) != nullptr; }, &name);
+  auto* w = static_cast<Writer*>(namedMemberRecord(
+      kind, in, "writer",
+      [](const Qel::Entity* e) { return dynamic_cast<const Writer*>(e) != nullptr; },
+      [this](const Qel::Name& n) { return dir_->writer(n) != nullptr; }, &name));
   if (!w) {
     dir_->writerDel(name);
     return;

@@ -70,10 +70,10 @@ void StreamAdapter::attrUnknown(AttributeId attr, In& in) {
   in.fail(String("unknown attribute identifier " + std::to_string(attr)));
 }
 
-Entity* StreamAdapter::namedMemberRecordOf(RecordKind kind, In& in, const char* what,
-                                           bool (*isMember)(const Entity*),
-                                           const std::function<bool(const Name&)>& present,
-                                           Name* name) {
+Entity* StreamAdapter::namedMemberRecord(RecordKind kind, In& in, const char* what,
+                                         bool (*isMember)(const Entity*),
+                                         const std::function<bool(const Name&)>& present,
+                                         Name* name) {
   const std::uint64_t keyAt = in.offset();
   *name = Name(in.string());
   if (kind == RecordKind::memberDel) {

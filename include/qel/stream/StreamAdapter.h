@@ -119,20 +119,13 @@ class QEL_EXPORT StreamAdapter : public PtrInterface {
   // Sets `name` and returns the member to add, or null for a deletion.
   // Throws NboAttrLog::FormatException at the field at fault: the deletion
   // of a name that `present` does not know, or an id that names no orphan
-  // T called `name` (`what` names T in the message).
-  template <class T>
-  T* namedMemberRecord(RecordKind kind, In& in, const char* what,
-                       const std::function<bool(const Name&)>& present, Name* name) {
-    return static_cast<T*>(namedMemberRecordOf(
-        kind, in, what, [](const Entity* e) { return dynamic_cast<const T*>(e) != nullptr; },
-        present, name));
-  }
+  // called `name` for which `isMember` holds (`what` names the kind).
+  Entity* namedMemberRecord(RecordKind kind, In& in, const char* what,
+                            bool (*isMember)(const Entity*),
+                            const std::function<bool(const Name&)>& present, Name* name);
 
  private:
   friend class Connection;
-  Entity* namedMemberRecordOf(RecordKind kind, In& in, const char* what,
-                              bool (*isMember)(const Entity*),
-                              const std::function<bool(const Name&)>& present, Name* name);
   Connection* connection_;
   Qel::Ptr<Entity> entity_;
   EntityId id_ = 0;
