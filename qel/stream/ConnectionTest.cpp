@@ -196,6 +196,10 @@ const Malformed kMalformed[] = {
      "2 trailing bytes after the last field"},
 };
 
+void PrintTo(const Malformed& m, std::ostream* os) {
+  *os << m.name;
+}
+
 class MalformedInputTest : public ConnectionTest,
                            public ::testing::WithParamInterface<Malformed> {};
 

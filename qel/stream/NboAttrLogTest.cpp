@@ -77,6 +77,17 @@ TEST_F(NboAttrLogTest, NanKeepsItsPayloadBits) {
   EXPECT_EQ(reader().u64(), 0x7ff8000000000123ull);
 }
 
+// Only partial socket writes consume part of the buffer; in-process pairs
+// rarely reach that path.
+TEST_F(NboAttrLogTest, ConsumeDropsFromTheFront) {
+  out_->u32(1);
+  out_->u32(2);
+  out_->consume(4);
+  EXPECT_EQ(bytes(), std::string("\x00\x00\x00\x02", 4));
+  out_->consume(4);
+  EXPECT_EQ(out_->size(), 0u);
+}
+
 TEST_F(NboAttrLogTest, FrameLengthCountsBytesAfterTheLengthField) {
   out_->frameBegin(3, 261, 7);
   out_->u32(9);
