@@ -1,13 +1,15 @@
 // Test support for the stream layer: a serving and a mounting connection
-// joined by a socketpair on one event loop, frame builders for hand-made
-// input, and a capture of the stream layer's traces.
+// joined by a socketpair on one event loop, a served socket path, frame
+// builders for hand-made input, and a capture of the stream layer's traces.
 #ifndef KRONLOG_TESTING_STREAMFIXTURE_H
 #define KRONLOG_TESTING_STREAMFIXTURE_H
 
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,7 @@
 #include "qel/stream/EventLoop.h"
 #include "qel/stream/NboAttrLog.h"
 #include "qel/stream/Record.h"
+#include "qel/stream/StreamServer.h"
 #include "qel/stream/UnixSocket.h"
 #include "testing/StreamTestTypes.h"
 
@@ -43,38 +46,32 @@ class StreamTraces : public Qel::TraceSink {
   std::uint32_t saved_;
 };
 
-// Streams the board through its adapter once the peer's handshake is in.
-class RootOnHandshake : public Qel::Connection::Notifiee {
- public:
-  explicit RootOnHandshake(Board::Ptr board) : board_(std::move(board)) {}
-  void onHandshake() override {
-    Qel::Connection* c = notifier().ptr();
-    adapter = new BoardAdapter(c, board_.ptr());
-    c->adapterIs(adapter);
-  }
-  Qel::StreamAdapter::Ptr adapter;
+inline Qel::StreamServer::RootAdapterFactory boardRoot(Board::Ptr board) {
+  return [board](Qel::Connection* c) {
+    return Qel::StreamAdapter::Ptr(new BoardAdapter(c, board.ptr()));
+  };
+}
 
- private:
-  Board::Ptr board_;
-};
-
-// A serving and a mounting connection over a socketpair.
-class StreamPair {
+// A serving and a mounting connection over a socketpair; the serving side
+// streams the root adapter `root` makes once the peer's handshake is in.
+class StreamPair : public Qel::Connection::Notifiee {
  public:
-  explicit StreamPair(Board::Ptr board) : root_(std::move(board)) {
+  explicit StreamPair(Qel::StreamServer::RootAdapterFactory root) : root_(std::move(root)) {
     streamTestTypesRegister();
     int fds[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) throw std::runtime_error("socketpair");
     peer = Qel::peerName(fds[0]);
     server = new Qel::Connection(loop.ptr(), fds[0], Qel::Connection::Role::serving, peer, "srv");
     client = new Qel::Connection(loop.ptr(), fds[1], Qel::Connection::Role::mounting, peer, "cli");
-    root_.notifierIs(server);
+    notifierIs(server);
   }
-  ~StreamPair() {
-    root_.notifierIs(nullptr);
+  explicit StreamPair(Board::Ptr board) : StreamPair(boardRoot(board)) {}
+  ~StreamPair() override {
+    notifierIs(nullptr);
     client->close("test over");
     server->close("test over");
   }
+  void onHandshake() override { server->adapterIs(root_(server.ptr())); }
   // Runs the loop until nothing is ready (bounded, so a livelock fails).
   void settle() {
     for (int i = 0; i < 10000; ++i) {
@@ -86,7 +83,6 @@ class StreamPair {
     Qel::StreamAdapter* a = client->adapter(Qel::NboAttrLog::kRootEntity);
     return a ? static_cast<Board*>(a->entity()) : nullptr;
   }
-  BoardAdapter* serverAdapter() const { return static_cast<BoardAdapter*>(root_.adapter.ptr()); }
 
   Qel::EventLoop::Ptr loop = new Qel::EventLoop;
   Qel::String peer;
@@ -94,7 +90,40 @@ class StreamPair {
   Qel::Connection::Ptr client;
 
  private:
-  RootOnHandshake root_;
+  Qel::StreamServer::RootAdapterFactory root_;
+};
+
+// A socket path in a fresh temporary directory and a loop to serve it on.
+class SocketDir {
+ public:
+  SocketDir() {
+    streamTestTypesRegister();
+    char d[] = "/tmp/kronlog-stream-XXXXXX";
+    if (!::mkdtemp(d)) throw std::runtime_error("mkdtemp");
+    dir = d;
+    path = dir + "/agent.sock";
+  }
+  ~SocketDir() {
+    ::unlink(path.c_str());
+    ::rmdir(dir.c_str());
+  }
+  Qel::StreamServer::Ptr serve(Board::Ptr board) {
+    return new Qel::StreamServer(loop.ptr(), path, boardRoot(board));
+  }
+  // Runs the loop until `done` holds; false once `seconds` have passed.
+  template <class F>
+  bool runUntil(F done, Qel::Seconds seconds = 5) {
+    Qel::Seconds end = Qel::EventLoop::monotonicNow() + seconds;
+    while (!done()) {
+      if (Qel::EventLoop::monotonicNow() > end) return false;
+      loop->runOnce(0.01);
+    }
+    return true;
+  }
+
+  Qel::EventLoop::Ptr loop = new Qel::EventLoop;
+  std::string dir;
+  std::string path;
 };
 
 // One frame, built by hand.

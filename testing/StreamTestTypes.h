@@ -165,8 +165,6 @@ class GaugeAdapter : public Qel::StreamAdapter, public Gauge::Notifiee {
     return new GaugeAdapter(c, g.ptr());
   }
 
-  unsigned dirty() const { return dirty_; }
-
  private:
   void changed(Qel::AttributeId attr, unsigned bit) {
     if (flowInAttr() == attr) return;  // applying the peer's change: no echo
@@ -270,8 +268,6 @@ class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
     b->readOnlyIs(c->peerName());
     return new BoardAdapter(c, b.ptr());
   }
-
-  std::size_t dirtyNames() const { return dirtyNames_.size(); }
 
  private:
   void memberSend(const Qel::Name& name) {

@@ -14,8 +14,7 @@
 #include <vector>
 
 #include "qel/stream/Mount.h"
-#include "qel/stream/StreamServer.h"
-#include "testing/StreamTestTypes.h"
+#include "testing/StreamFixture.h"
 
 namespace {
 
@@ -92,45 +91,17 @@ std::size_t residentBytes() {
   return kb * 1024;
 }
 
-class StreamProcessTest : public ::testing::Test {
+class StreamProcessTest : public ::testing::Test, public StreamTesting::SocketDir {
  protected:
-  StreamProcessTest() {
-    StreamTesting::streamTestTypesRegister();
-    char dir[] = "/tmp/kronlog-streamproc-XXXXXX";
-    dir_ = ::mkdtemp(dir);
-    path_ = dir_ + "/agent.sock";
-  }
-  ~StreamProcessTest() override {
-    server_ = nullptr;
-    ::unlink(path_.c_str());
-    ::rmdir(dir_.c_str());
-  }
-  void serve() {
-    server_ = new Qel::StreamServer(loop_.ptr(), path_, [this](Qel::Connection* c) {
-      return Qel::StreamAdapter::Ptr(new StreamTesting::BoardAdapter(c, board_.ptr()));
-    });
-  }
-  template <class F>
-  bool runUntil(F done, Qel::Seconds seconds = 5) {
-    Qel::Seconds end = Qel::EventLoop::monotonicNow() + seconds;
-    while (!done()) {
-      if (Qel::EventLoop::monotonicNow() > end) return false;
-      loop_->runOnce(0.01);
-    }
-    return true;
-  }
-  Qel::EventLoop::Ptr loop_ = new Qel::EventLoop;
-  std::string dir_;
-  std::string path_;
   Board::Ptr board_ = Board::BoardIs("agent");
   Qel::StreamServer::Ptr server_;
 };
 
 TEST_F(StreamProcessTest, StoppedMountCostsTheServerAtMostItsBuffer) {
   for (int i = 0; i < 50; ++i) board_->gaugeIs(Qel::Name("g" + std::to_string(i)), "u");
-  serve();
-  Peer mount({"mount", path_});
-  ASSERT_EQ(mount.line(loop_.ptr()), "synced 50 0");
+  server_ = serve(board_);
+  Peer mount({"mount", path});
+  ASSERT_EQ(mount.line(loop.ptr()), "synced 50 0");
   mount.signal(SIGSTOP);
   ASSERT_EQ(server_->connections().size(), 1u);
   Qel::Connection::Ptr c = server_->connections()[0];
@@ -145,7 +116,7 @@ TEST_F(StreamProcessTest, StoppedMountCostsTheServerAtMostItsBuffer) {
       board_->gauge(name)->valueIs(round * 1000 + i + 1);
       board_->gauge(name)->labelIs(Qel::String(label + std::to_string(i)));
     }
-    loop_->runOnce(0);
+    loop->runOnce(0);
     most = std::max(most, c->sendBufferBytes());
     if (round == 30) rssAfterWarmup = residentBytes();
   }
@@ -167,9 +138,9 @@ TEST_F(StreamProcessTest, MountFollowsItsServerAcrossARestart) {
   Qel::Mount::Ptr mount;
   Board::Ptr first;
   {
-    Peer server({"serve", path_, "3"});
-    ASSERT_EQ(server.line(loop_.ptr()), "serving");
-    mount = new Qel::Mount(loop_.ptr(), path_);
+    Peer server({"serve", path, "3"});
+    ASSERT_EQ(server.line(loop.ptr()), "serving");
+    mount = new Qel::Mount(loop.ptr(), path);
     mount->retryDelaysIs(0.01, 0.1);
     ASSERT_TRUE(runUntil([&] { return mount->synced(); }));
     first = static_cast<Board*>(mount->root().ptr());
@@ -177,8 +148,8 @@ TEST_F(StreamProcessTest, MountFollowsItsServerAcrossARestart) {
     EXPECT_EQ(first->gauge("g2")->value(), 2u);
   }  // killed: its socket file stays behind, stale
   ASSERT_TRUE(runUntil([&] { return mount->stale(); }));
-  Peer restarted({"serve", path_, "5"});
-  ASSERT_EQ(restarted.line(loop_.ptr()), "serving");
+  Peer restarted({"serve", path, "5"});
+  ASSERT_EQ(restarted.line(loop.ptr()), "serving");
   ASSERT_TRUE(runUntil([&] { return mount->synced(); }));
   EXPECT_EQ(mount->syncs(), 2u);
   auto* second = static_cast<Board*>(mount->root().ptr());
@@ -186,29 +157,17 @@ TEST_F(StreamProcessTest, MountFollowsItsServerAcrossARestart) {
   EXPECT_EQ(second->gauge("g4")->value(), 4u);
   EXPECT_EQ(first->gauges(), 3u);  // the stale copy is as it was
   struct stat st {};
-  ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
 TEST_F(StreamProcessTest, GarbageFromAProcessIsRefusedAndOthersStillMount) {
   board_->gaugeIs("g0", "u")->valueIs(9);
-  serve();
-  Peer hostile({"garbage", path_});
-  EXPECT_EQ(hostile.line(loop_.ptr()), "closed");
-  Peer mount({"mount", path_});
-  EXPECT_EQ(mount.line(loop_.ptr()), "synced 1 9");
-}
-
-TEST_F(StreamProcessTest, MountInAnotherProcessSeesTheServerGoAndComeBack) {
-  board_->gaugeIs("g0", "u")->valueIs(1);
-  serve();
-  Peer mount({"mount", path_});
-  ASSERT_EQ(mount.line(loop_.ptr()), "synced 1 1");
-  server_ = nullptr;
-  ASSERT_EQ(mount.line(loop_.ptr()), "stale");
-  board_->gaugeIs("g1", "u")->valueIs(2);
-  serve();
-  EXPECT_EQ(mount.line(loop_.ptr()), "synced 2 3");
+  server_ = serve(board_);
+  Peer hostile({"garbage", path});
+  EXPECT_EQ(hostile.line(loop.ptr()), "closed");
+  Peer mount({"mount", path});
+  EXPECT_EQ(mount.line(loop.ptr()), "synced 1 9");
 }
 
 }  // namespace

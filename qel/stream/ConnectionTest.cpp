@@ -12,6 +12,7 @@
 
 namespace {
 
+using Qel::NboAttrLog::EntityId;
 using Qel::NboAttrLog::RecordKind;
 using StreamTesting::Board;
 using StreamTesting::frameOf;
@@ -31,18 +32,17 @@ class ConnectionTest : public ::testing::Test {
   }
   // The copy stays reachable here after its connection is gone.
   Gauge* copyOf(const char* name) const { return copy_->gauge(name); }
-  // Feeds hand-made bytes to the mounting side after the snapshot and
-  // returns the offset they start at.
+  // Feeds hand-made bytes to the mounting side; returns their first offset.
   std::uint64_t inject(const std::string& bytes) {
     std::uint64_t at = pair_.client->bytesIn();
     pair_.client->bytesReceived(bytes.data(), bytes.size());
     return at;
   }
-  // The single close trace the mounting side must have written.
-  std::string closeTrace(std::uint64_t offset, const std::string& reason) const {
-    return "close peer: " + pair_.peer.stdString() + " offset: " + std::to_string(offset) +
-           " reason: " + reason;
+  std::vector<std::string> closeTraceAt(std::uint64_t offset, const std::string& reason) const {
+    return {"close peer: " + pair_.peer.stdString() + " offset: " + std::to_string(offset) +
+            " reason: " + reason};
   }
+  // The traces of closes caused by bad input (they carry an offset).
   std::vector<std::string> closeTraces() const {
     std::vector<std::string> out;
     for (auto& t : traces_.texts) {
@@ -52,7 +52,6 @@ class ConnectionTest : public ::testing::Test {
     }
     return out;
   }
-  // The copy is exactly what the snapshot made.
   void expectCopyUnchanged() const {
     ASSERT_NE(copy_, nullptr);
     EXPECT_EQ(copy_->gauges(), 2u);
@@ -60,9 +59,9 @@ class ConnectionTest : public ::testing::Test {
     EXPECT_EQ(copyOf("volts")->label(), "mains");
     EXPECT_EQ(copyOf("amps")->value(), 3u);
   }
-  // Ids the snapshot gave: the board is 1, its gauges 2 and 3.
-  Qel::NboAttrLog::EntityId idOf(const char* name) const {
-    for (Qel::NboAttrLog::EntityId id = 2; id < 10; ++id) {
+  // The snapshot gave the board id 1 and its gauges 2 and 3, in no set order.
+  EntityId idOf(const char* name) const {
+    for (EntityId id = 2; id < 10; ++id) {
       auto* a = pair_.client->adapter(id);
       if (a && a->entity()->name() == name) return id;
     }
@@ -75,18 +74,14 @@ class ConnectionTest : public ::testing::Test {
   Board::Ptr copy_;
 };
 
-TEST_F(ConnectionTest, SnapshotCopiesEveryMemberAndEndsInSync) {
+TEST_F(ConnectionTest, SnapshotMakesAReadOnlyCopyNamingItsPeer) {
   EXPECT_TRUE(pair_.client->snapshotEnded());
   expectCopyUnchanged();
   EXPECT_EQ(copyOf("volts")->unit(), "V");
-  EXPECT_EQ(pair_.copy()->name(), "board");
-}
-
-TEST_F(ConnectionTest, CopiesAreReadOnlyAndNameTheirPeer) {
-  EXPECT_TRUE(pair_.copy()->readOnly());
-  EXPECT_TRUE(copyOf("amps")->readOnly());
+  EXPECT_EQ(copy_->name(), "board");
+  EXPECT_TRUE(copy_->readOnly());
   EXPECT_EQ(copyOf("amps")->readOnlyPeerName(), pair_.peer);
-  EXPECT_EQ(copyOf("amps")->parent(), pair_.copy());
+  EXPECT_EQ(copyOf("amps")->parent(), copy_.ptr());
 }
 
 TEST_F(ConnectionTest, AttributeChangeReachesTheCopy) {
@@ -95,14 +90,6 @@ TEST_F(ConnectionTest, AttributeChangeReachesTheCopy) {
   pair_.settle();
   EXPECT_EQ(copyOf("volts")->value(), 231u);
   EXPECT_EQ(copyOf("amps")->label(), "load");
-}
-
-TEST_F(ConnectionTest, NewMemberArrivesWithItsState) {
-  board_->gaugeIs("watts", "W")->valueIs(690);
-  pair_.settle();
-  ASSERT_NE(copyOf("watts"), nullptr);
-  EXPECT_EQ(copyOf("watts")->value(), 690u);
-  EXPECT_EQ(copyOf("watts")->unit(), "W");
 }
 
 TEST_F(ConnectionTest, RemovedMemberLeavesTheCopyAndItsAdapterGoes) {
@@ -114,7 +101,7 @@ TEST_F(ConnectionTest, RemovedMemberLeavesTheCopyAndItsAdapterGoes) {
   EXPECT_EQ(pair_.server->adapters(), adapters - 1);
 }
 
-TEST_F(ConnectionTest, ReplacedMemberIsANewEntityOnTheCopy) {
+TEST_F(ConnectionTest, ReplacedMemberArrivesAsANewEntityWithItsState) {
   Gauge::Ptr before = copyOf("amps");
   board_->gaugeDel("amps");
   board_->gaugeIs("amps", "mA")->valueIs(3000);
@@ -137,106 +124,9 @@ TEST_F(ConnectionTest, BytesArrivingOneAtATimeApplyTheSame) {
   EXPECT_EQ(copyOf("volts")->value(), 99u);
 }
 
-// ---- Malformed input: the connection closes with one trace naming the
-// peer, the offset and the reason; the copy keeps what it had.
-
-TEST_F(ConnectionTest, TruncatedFieldInsideAFrameCloses) {
-  std::uint64_t at =
-      inject(frameOf(RecordKind::attrUpdate, 261, idOf("volts"), std::string(2, '\0')));
-  EXPECT_FALSE(pair_.client->open());
-  EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{closeTrace(at + 12, "truncated u32: 4 bytes needed, 2 left")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, OversizedLengthClosesBeforeBuffering) {
-  std::uint64_t at = inject(u32Bytes(0x7fffffff));
-  EXPECT_FALSE(pair_.client->open());
-  EXPECT_EQ(closeTraces(), std::vector<std::string>{closeTrace(
-                               at, "frame length 2147483647 exceeds the limit of 1048572")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, StringLongerThanItsFrameCloses) {
-  std::string payload = u32Bytes(1000) + "short";
-  std::uint64_t at = inject(frameOf(RecordKind::attrUpdate, 262, idOf("volts"), payload));
-  EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{
-                closeTrace(at + 12, "string length 1000 exceeds the 5 bytes left in the frame")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, UnknownKindCloses) {
-  std::uint64_t at = inject(u32Bytes(8) + std::string("\x2a\x00\x00\x00\x00\x00\x00\x00", 8));
-  EXPECT_EQ(closeTraces(), std::vector<std::string>{closeTrace(at + 4, "unknown record kind 42")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, UnknownEntityCloses) {
-  std::uint64_t at = inject(frameOf(RecordKind::attrUpdate, 261, 77, u32Bytes(1)));
-  EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{closeTrace(at + 8, "unknown entity identifier 77")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, UnknownAttributeCloses) {
-  std::uint64_t at = inject(frameOf(RecordKind::attrUpdate, 300, idOf("volts"), u32Bytes(1)));
-  EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{closeTrace(at + 12, "unknown attribute identifier 300")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, UnknownTypeCloses) {
-  std::uint64_t at =
-      inject(frameOf(RecordKind::create, 0, 50, stringBytes("No::Such") + stringBytes("x")));
-  EXPECT_EQ(closeTraces(), std::vector<std::string>{closeTrace(at + 12, "unknown type No::Such")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, CreateOverAnEntityInUseCloses) {
-  std::uint64_t at = inject(
-      frameOf(RecordKind::create, 0, 1, stringBytes("StreamTesting::Board") + stringBytes("x")));
-  EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{closeTrace(at + 8, "entity identifier 1 is not free")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, DeletingAMemberThatDoesNotExistCloses) {
-  std::uint64_t at = inject(frameOf(RecordKind::memberDel, 258, 1, stringBytes("ohms")));
-  EXPECT_EQ(closeTraces(), std::vector<std::string>{closeTrace(at + 12, "no member ohms")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, MemberRecordNamingANonOrphanCloses) {
-  // Entity 1 is the board itself, not an orphan gauge.
-  std::uint64_t at =
-      inject(frameOf(RecordKind::attrUpdate, 258, 1, stringBytes("volts") + u32Bytes(1)));
-  EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{closeTrace(at + 21, "entity 1 is not an orphan gauge volts")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, CreatingPastTheEntityLimitCloses) {
-  pair_.client->maxEntitiesIs(pair_.client->adapters() + 1);
-  std::string gauge = stringBytes("StreamTesting::Gauge") + stringBytes("x") + stringBytes("u");
-  inject(frameOf(RecordKind::create, 0, 50, gauge));
-  EXPECT_TRUE(pair_.client->open());
-  std::uint64_t at = inject(frameOf(RecordKind::create, 0, 51, gauge));
-  EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{closeTrace(at + 8, "entity limit of 4 reached")});
-  expectCopyUnchanged();
-}
-
-TEST_F(ConnectionTest, TransactionClosedWithoutOpenCloses) {
-  std::uint64_t at = inject(frameOf(RecordKind::transactionClose, 258, 1, ""));
-  EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{closeTrace(at + 4, "transaction closed without open")});
-}
-
 TEST_F(ConnectionTest, DeletedEntityTakesItsOpenTransactionsAlong) {
   inject(frameOf(RecordKind::transactionOpen, 258, 1, ""));
   inject(frameOf(RecordKind::entityDel, 0, 1, ""));
-  EXPECT_TRUE(pair_.client->open());
   // A new entity 1 starts with no transaction open.
   inject(frameOf(RecordKind::create, 0, 1, stringBytes("StreamTesting::Board") + stringBytes("b")));
   inject(frameOf(RecordKind::transactionOpen, 258, 1, ""));
@@ -254,23 +144,92 @@ TEST_F(ConnectionTest, CopyFromAFactoryIsReadOnlyWhateverTheFactoryDid) {
   EXPECT_TRUE(pair_.client->adapter(60)->entity()->readOnly());
 }
 
-TEST_F(ConnectionTest, SecondSnapshotEndCloses) {
-  std::uint64_t at = inject(frameOf(RecordKind::snapshotEnd, 0, 0, ""));
-  EXPECT_EQ(closeTraces(), std::vector<std::string>{closeTrace(at + 4, "second end of snapshot")});
+TEST_F(ConnectionTest, PeerClosingIsANormalClose) {
+  pair_.server->close("bye");
+  pair_.settle();
+  EXPECT_FALSE(pair_.client->open());
+  EXPECT_EQ(pair_.client->reason(), "peer closed the connection");
+  EXPECT_TRUE(closeTraces().empty());
+  expectCopyUnchanged();
 }
 
-TEST_F(ConnectionTest, SecondHandshakeCloses) {
-  Qel::NboAttrLog::Out out;
-  Qel::NboAttrLog::handshakeWrite(out, "again");
-  std::uint64_t at = inject(std::string(out.data(), out.size()));
-  EXPECT_EQ(closeTraces(), std::vector<std::string>{closeTrace(at + 4, "second handshake")});
+// ---- Malformed input: the connection closes with one trace naming the
+// peer, the offset and the reason; the copy keeps what it had.
+
+// One frame of bad input per class; kVolts stands for the id of "volts".
+constexpr EntityId kVolts = 0xffffffff;
+struct Malformed {
+  const char* name;
+  RecordKind kind;
+  Qel::AttributeId attr;
+  EntityId entity;
+  std::string payload;
+  std::uint64_t faultAt;  // offset of the fault within the frame
+  const char* reason;
+};
+
+const Malformed kMalformed[] = {
+    {"TruncatedField", RecordKind::attrUpdate, 261, kVolts, std::string(2, '\0'), 12,
+     "truncated u32: 4 bytes needed, 2 left"},
+    {"StringLongerThanItsFrame", RecordKind::attrUpdate, 262, kVolts, u32Bytes(1000) + "short", 12,
+     "string length 1000 exceeds the 5 bytes left in the frame"},
+    {"UnknownKind", RecordKind(42), 0, 0, "", 4, "unknown record kind 42"},
+    {"UnknownEntity", RecordKind::attrUpdate, 261, 77, u32Bytes(1), 8,
+     "unknown entity identifier 77"},
+    {"UnknownAttribute", RecordKind::attrUpdate, 300, kVolts, u32Bytes(1), 12,
+     "unknown attribute identifier 300"},
+    {"UnknownType", RecordKind::create, 0, 50, stringBytes("No::Such") + stringBytes("x"), 12,
+     "unknown type No::Such"},
+    {"CreateOverAnEntityInUse", RecordKind::create, 0, 1,
+     stringBytes("StreamTesting::Board") + stringBytes("x"), 8, "entity identifier 1 is not free"},
+    {"DeletingAMissingMember", RecordKind::memberDel, 258, 1, stringBytes("ohms"), 12,
+     "no member ohms"},
+    // Entity 1 is the board itself, not an orphan gauge.
+    {"MemberNamingANonOrphan", RecordKind::attrUpdate, 258, 1, stringBytes("volts") + u32Bytes(1),
+     21, "entity 1 is not an orphan gauge volts"},
+    {"TransactionClosedWithoutOpen", RecordKind::transactionClose, 258, 1, "", 4,
+     "transaction closed without open"},
+    {"SecondSnapshotEnd", RecordKind::snapshotEnd, 0, 0, "", 4, "second end of snapshot"},
+    {"SecondHandshake", RecordKind::handshake, 0, 0,
+     u32Bytes(0x51454C53) + std::string("\0\1", 2) + stringBytes("again"), 4, "second handshake"},
+    {"TrailingBytesAfterAValue", RecordKind::attrUpdate, 261, kVolts, u32Bytes(5) + "zz", 16,
+     "2 trailing bytes after the last field"},
+};
+
+void PrintTo(const Malformed& m, std::ostream* os) {
+  *os << m.name;
 }
 
-TEST_F(ConnectionTest, TrailingBytesAfterAValueClose) {
-  std::uint64_t at =
-      inject(frameOf(RecordKind::attrUpdate, 261, idOf("volts"), u32Bytes(5) + "zz"));
+class MalformedInputTest : public ConnectionTest,
+                           public ::testing::WithParamInterface<Malformed> {};
+
+TEST_P(MalformedInputTest, ClosesWithOneTraceAndLeavesTheCopyAsItWas) {
+  const Malformed& m = GetParam();
+  EntityId entity = m.entity == kVolts ? idOf("volts") : m.entity;
+  std::uint64_t at = inject(frameOf(m.kind, m.attr, entity, m.payload));
+  EXPECT_FALSE(pair_.client->open());
+  EXPECT_EQ(closeTraces(), closeTraceAt(at + m.faultAt, m.reason));
+  expectCopyUnchanged();
+}
+
+INSTANTIATE_TEST_SUITE_P(EachClass, MalformedInputTest, ::testing::ValuesIn(kMalformed),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(ConnectionTest, OversizedLengthClosesBeforeBuffering) {
+  std::uint64_t at = inject(u32Bytes(0x7fffffff));
+  EXPECT_FALSE(pair_.client->open());
   EXPECT_EQ(closeTraces(),
-            std::vector<std::string>{closeTrace(at + 16, "2 trailing bytes after the last field")});
+            closeTraceAt(at, "frame length 2147483647 exceeds the limit of 1048572"));
+  expectCopyUnchanged();
+}
+
+TEST_F(ConnectionTest, CreatingPastTheEntityLimitCloses) {
+  pair_.client->maxEntitiesIs(pair_.client->adapters() + 1);
+  std::string gauge = stringBytes("StreamTesting::Gauge") + stringBytes("x") + stringBytes("u");
+  inject(frameOf(RecordKind::create, 0, 50, gauge));
+  EXPECT_TRUE(pair_.client->open());
+  std::uint64_t at = inject(frameOf(RecordKind::create, 0, 51, gauge));
+  EXPECT_EQ(closeTraces(), closeTraceAt(at + 8, "entity limit of 4 reached"));
   expectCopyUnchanged();
 }
 
@@ -286,8 +245,8 @@ TEST_F(ConnectionTest, MountingPeerSendingUpdatesIsClosedByTheServer) {
   std::string f = frameOf(RecordKind::attrUpdate, 261, 2, u32Bytes(1));
   pair_.server->bytesReceived(f.data(), f.size());
   EXPECT_FALSE(pair_.server->open());
-  EXPECT_EQ(closeTraces(), std::vector<std::string>{closeTrace(
-                               at + 4, "unexpected attrUpdate record from a mounting peer")});
+  EXPECT_EQ(closeTraces(),
+            closeTraceAt(at + 4, "unexpected attrUpdate record from a mounting peer"));
   EXPECT_EQ(board_->gauge("volts")->value(), 230u);
 }
 
@@ -298,18 +257,8 @@ TEST_F(ConnectionTest, FirstRecordMustBeAHandshake) {
       new Qel::Connection(pair_.loop.ptr(), fds[1], Qel::Connection::Role::mounting, "p", "me");
   std::string f = frameOf(RecordKind::heartbeat, 0, 0, "");
   c->bytesReceived(f.data(), f.size());
-  EXPECT_FALSE(c->open());
   EXPECT_EQ(c->reason(), "expected a handshake, got heartbeat");
   ::close(fds[0]);
-}
-
-TEST_F(ConnectionTest, PeerClosingIsANormalClose) {
-  pair_.server->close("bye");
-  pair_.settle();
-  EXPECT_FALSE(pair_.client->open());
-  EXPECT_EQ(pair_.client->reason(), "peer closed the connection");
-  EXPECT_TRUE(closeTraces().empty());
-  expectCopyUnchanged();
 }
 
 }  // namespace

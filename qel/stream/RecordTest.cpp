@@ -15,6 +15,7 @@ using Qel::NboAttrLog::FrameHeader;
 using Qel::NboAttrLog::In;
 using Qel::NboAttrLog::RecordKind;
 using StreamTesting::frameOf;
+using StreamTesting::stringBytes;
 using StreamTesting::u32Bytes;
 
 class RecordTest : public ::testing::Test {
@@ -78,52 +79,38 @@ TEST_F(RecordTest, EveryKindHasAName) {
   }
 }
 
-// ---- Error paths
+// ---- Error paths: each header fault is refused from the bytes that show it.
 
-TEST_F(RecordTest, OversizedLengthIsRefusedFromItsFourBytesAlone) {
-  EXPECT_EQ(scan(u32Bytes(1048573)),
-            "offset 1000: frame length 1048573 exceeds the limit of 1048572");
+TEST_F(RecordTest, BadHeaderIsRefusedAsSoonAsItsBytesAreIn) {
+  const struct {
+    std::string bytes;
+    const char* result;
+  } kCases[] = {
+      {u32Bytes(1048573), "offset 1000: frame length 1048573 exceeds the limit of 1048572"},
+      {u32Bytes(1048572) + std::string("\x03\x00", 2), "0"},  // largest legal length waits
+      {u32Bytes(7), "offset 1000: frame length 7 is shorter than a header"},
+      {u32Bytes(8) + std::string("\x0a", 1), "offset 1004: unknown record kind 10"},
+      {u32Bytes(8) + std::string("\x00", 1), "offset 1004: unknown record kind 0"},
+      {u32Bytes(8) + std::string("\x09\x80", 2), "offset 1005: unknown frame flags 128"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(scan(c.bytes), c.result) << c.result;
 }
 
-TEST_F(RecordTest, LargestLegalLengthWaitsForItsBytes) {
-  EXPECT_EQ(scan(u32Bytes(1048572) + std::string("\x03\x00", 2)), "0");
-}
-
-TEST_F(RecordTest, LengthShorterThanAHeaderIsRefused) {
-  EXPECT_EQ(scan(u32Bytes(7)), "offset 1000: frame length 7 is shorter than a header");
-}
-
-TEST_F(RecordTest, UnknownKindIsRefusedFromItsByte) {
-  EXPECT_EQ(scan(u32Bytes(8) + std::string("\x0a", 1)), "offset 1004: unknown record kind 10");
-  EXPECT_EQ(scan(u32Bytes(8) + std::string("\x00", 1)), "offset 1004: unknown record kind 0");
-}
-
-TEST_F(RecordTest, NonzeroFlagsAreRefused) {
-  EXPECT_EQ(scan(u32Bytes(8) + std::string("\x09\x80", 2)), "offset 1005: unknown frame flags 128");
-}
-
-TEST_F(RecordTest, HandshakeWithWrongMagicIsRefused) {
-  EXPECT_EQ(handshakeFailure(u32Bytes(0x51454C54) + std::string("\x00\x01", 2) +
-                             StreamTesting::stringBytes("x")),
-            "offset 0: bad magic 1363496020");
-}
-
-TEST_F(RecordTest, HandshakeOfAnotherVersionIsRefused) {
-  EXPECT_EQ(handshakeFailure(u32Bytes(0x51454C53) + std::string("\x00\x02", 2) +
-                             StreamTesting::stringBytes("x")),
-            "offset 4: unsupported protocol version 2 (expected 1)");
-}
-
-TEST_F(RecordTest, HandshakeWithOverlongNameIsRefused) {
-  EXPECT_EQ(handshakeFailure(u32Bytes(0x51454C53) + std::string("\x00\x01", 2) +
-                             StreamTesting::stringBytes(std::string(257, 'n'))),
-            "offset 6: peer name of 257 bytes exceeds 256");
-}
-
-TEST_F(RecordTest, HandshakeWithTrailingBytesIsRefused) {
-  EXPECT_EQ(handshakeFailure(u32Bytes(0x51454C53) + std::string("\x00\x01", 2) +
-                             StreamTesting::stringBytes("x") + "!"),
-            "offset 11: 1 trailing bytes after the last field");
+TEST_F(RecordTest, BadHandshakeIsRefused) {
+  const std::string v1 = std::string("\x00\x01", 2);
+  const std::string magic = u32Bytes(0x51454C53);
+  const struct {
+    std::string payload;
+    const char* failure;
+  } kCases[] = {
+      {u32Bytes(0x51454C54) + v1 + stringBytes("x"), "offset 0: bad magic 1363496020"},
+      {magic + std::string("\x00\x02", 2) + stringBytes("x"),
+       "offset 4: unsupported protocol version 2 (expected 1)"},
+      {magic + v1 + stringBytes(std::string(257, 'n')),
+       "offset 6: peer name of 257 bytes exceeds 256"},
+      {magic + v1 + stringBytes("x") + "!", "offset 11: 1 trailing bytes after the last field"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(handshakeFailure(c.payload), c.failure);
 }
 
 }  // namespace
