@@ -240,25 +240,14 @@ class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
 
   void handleAttrDeserialization(RecordKind kind, Qel::AttributeId attr, In& in) override {
     if (attr != kGaugeAttr) attrUnknown(attr, in);
-    std::uint64_t keyAt = in.offset();
-    Qel::Name name(in.string());
-    if (kind == RecordKind::memberDel) {
-      in.endExpect();
-      if (!board_->gauge(name)) {
-        throw Qel::NboAttrLog::FormatException(keyAt, Qel::String("no member " + name.stdString()));
-      }
+    Qel::Name name;
+    auto* g = static_cast<Gauge*>(namedMemberRecord(
+        kind, in, "gauge",
+        [](const Qel::Entity* e) { return dynamic_cast<const Gauge*>(e) != nullptr; },
+        [this](const Qel::Name& n) { return board_->gauge(n) != nullptr; }, &name));
+    if (!g) {
       board_->gaugeDel(name);
       return;
-    }
-    std::uint64_t idAt = in.offset();
-    EntityId id = in.u32();
-    in.endExpect();
-    Qel::StreamAdapter* child = connection()->adapter(id);
-    Gauge* g = child ? dynamic_cast<Gauge*>(child->entity()) : nullptr;
-    if (!g || g->name() != name || g->parent()) {
-      throw Qel::NboAttrLog::FormatException(
-          idAt, Qel::String("entity " + std::to_string(id) + " is not an orphan gauge " +
-                            name.stdString()));
     }
     board_->gaugeAdd(g);
   }
