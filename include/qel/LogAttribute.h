@@ -5,7 +5,9 @@
 // newLog, logDel (by index and by iterator), logDelAll, lookup by index,
 // iteration. The owner supplies the change hook `logNotify(index)`, called
 // after every change of the entry at `index` (a writer tells its notifiees;
-// a status does nothing), and its own logIs, whose rules differ by owner.
+// a status does nothing), the check `logWriteCheck()`, called before every
+// change (a read-only copy of a writer refuses user code; a status allows
+// everything), and its own logIs, whose rules differ by owner.
 //
 // An absent entry reads as Value(): a default entry for a log that holds
 // values, a null pointer for one that holds pointers.
@@ -125,14 +127,9 @@ class LogAttribute {
     log_.append(m.ptr());
     notify(index);
   }
-  // An owner that can be a read-only copy refuses changes from user code:
-  // it declares logWriteCheck(), which throws for such a change.
-  template <class O = Owner>
-  auto writeCheckOf(O* owner) -> decltype(owner->logWriteCheck()) {
-    owner->logWriteCheck();
-  }
-  void writeCheckOf(...) {}
-  void logChangeCheck() { writeCheckOf(static_cast<Owner*>(this)); }
+  // The owner's logWriteCheck() throws for a change that user code makes
+  // to a read-only copy; an owner that is never a copy does nothing there.
+  void logChangeCheck() const { static_cast<const Owner*>(this)->logWriteCheck(); }
 
   LogQueue log_;
 };
