@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "qel/String.h"
 
@@ -41,65 +42,38 @@ TEST_F(OwnedStringTest, ReadsLikeAnyStringWithItsTerminatingNul) {
   EXPECT_EQ(Qel::String(s), Qel::String("hello owner"));
 }
 
-TEST_F(OwnedStringTest, StringOutlivesItsOwner) {
-  Qel::String copy;
-  {
-    const Qel::String s = make("outlives");
-    copy = s;
-  }
+TEST_F(OwnedStringTest, StringOutlivesItsOwnerAndOwnerOutlivesItsStrings) {
+  Qel::String copy = make("outlives");
   ownerGone();
   EXPECT_EQ(copy, "outlives");
-}
-
-TEST_F(OwnedStringTest, OwnerOutlivesItsStrings) {
   { const Qel::String s = make("short lived"); }
   EXPECT_FALSE(Qel::String::ownedRewrite(Qel::String(), block_, kOwnerBytes, "x", 1));
 }
 
-TEST_F(OwnedStringTest, RewriteInPlaceWhenOnlyTheOwnerAndTheStringHoldIt) {
-  const Qel::String s = make("before");
-  const char* bytes = s.data();
-  EXPECT_TRUE(rewrite(s, "after!"));
-  EXPECT_EQ(s, "after!");
-  EXPECT_EQ(s.data(), bytes);
-  EXPECT_TRUE(rewrite(s, "ab"));
-  EXPECT_EQ(s.size(), 2u);
-  EXPECT_STREQ(s.c_str(), "ab");
-}
-
-TEST_F(OwnedStringTest, ShorterRewritesLeaveNoStaleBytesBehind) {
+TEST_F(OwnedStringTest, RewriteInPlaceWhenOnlyTheOwnerAndTheStringHoldItLeavesNoStaleBytes) {
   const Qel::String s = make(std::string(40, 'a'));
-  ASSERT_TRUE(rewrite(s, std::string(20, 'b')));
-  ASSERT_TRUE(rewrite(s, "c"));
+  const char* bytes = s.data();
+  EXPECT_TRUE(rewrite(s, std::string(20, 'b')));
+  EXPECT_EQ(s, std::string(20, 'b').c_str());
+  EXPECT_EQ(s.data(), bytes);
+  EXPECT_TRUE(rewrite(s, "c"));
   EXPECT_EQ(s.view(), "c");
   EXPECT_EQ(std::strlen(s.c_str()), 1u);
 }
 
-TEST_F(OwnedStringTest, RewriteRefusedWhileACopyIsHeld) {
+// A held copy, text beyond the block, an empty text or a string from
+// elsewhere each refuse the rewrite and change nothing.
+TEST_F(OwnedStringTest, RewriteRefusedUnlessTheStringIsTheOwnersAloneAndTheTextFits) {
   const Qel::String s = make("shared");
-  const Qel::String copy = s;
-  EXPECT_FALSE(rewrite(s, "change"));
-  EXPECT_EQ(copy, "shared");
-}
-
-TEST_F(OwnedStringTest, RewriteRefusedForTextBeyondTheBlock) {
-  const Qel::String s = make("tiny");
+  const Qel::String other("same!!");
+  EXPECT_FALSE(rewrite(other, "change"));
   EXPECT_FALSE(rewrite(s, std::string(200, 'z')));
-  EXPECT_EQ(s, "tiny");
-}
-
-TEST_F(OwnedStringTest, RewriteRefusedForAnEmptyText) {
-  const Qel::String s = make("not empty");
   EXPECT_FALSE(rewrite(s, ""));
-  EXPECT_EQ(s, "not empty");
-}
-
-TEST_F(OwnedStringTest, RewriteRefusedForAStringFromElsewhere) {
-  const Qel::String s = make("in the block");
-  const Qel::String other("same length!");
-  EXPECT_FALSE(rewrite(other, "changed text"));
-  EXPECT_EQ(other, "same length!");
-  EXPECT_EQ(s, "in the block");
+  {
+    const Qel::String copy = s;
+    EXPECT_FALSE(rewrite(s, "change"));
+  }
+  EXPECT_EQ(std::make_pair(s, other), std::make_pair(Qel::String("shared"), Qel::String("same!!")));
 }
 
 }  // namespace

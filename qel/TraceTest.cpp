@@ -12,6 +12,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "testing/TraceCapture.h"
@@ -63,27 +64,6 @@ class TraceTest : public ::testing::Test {
     return true;
   }
 
-  // What the default sink appends to the QELTRACE_FILE while `body` runs.
-  template <class F>
-  static std::string writtenToTraceFile(F body) {
-    const std::string path = ::testing::TempDir() + "qel_trace_test.log";
-    const char* previous = std::getenv("QELTRACE_FILE");
-    const std::string saved = previous ? previous : "";
-    std::remove(path.c_str());
-    ::setenv("QELTRACE_FILE", path.c_str(), 1);
-    body();
-    if (previous) {
-      ::setenv("QELTRACE_FILE", saved.c_str(), 1);
-    } else {
-      ::unsetenv("QELTRACE_FILE");
-    }
-    std::ifstream in(path);
-    std::stringstream written;
-    written << in.rdbuf();
-    std::remove(path.c_str());
-    return written.str();
-  }
-
   Qel::TraceHandle handle_{kFacility, false};
   CapturingSink sink_{nullptr};  // every facility
 
@@ -98,71 +78,62 @@ TEST_F(TraceTest, RecordCarriesClockTimeLevelFileLineFunctionAndText) {
   ASSERT_TRUE(site(2, 42));
   ASSERT_EQ(sink_.records.size(), 1u);
   const Captured& r = sink_.records[0];
-  EXPECT_EQ(r.time, 1700000000.25);
-  EXPECT_EQ(r.facility, kFacility);
-  EXPECT_EQ(r.level, 2u);
-  EXPECT_EQ(r.file, "Widget.cpp");
-  EXPECT_EQ(r.line, 17);
-  EXPECT_EQ(r.function, "frob");
-  EXPECT_EQ(r.text, "value 42");
+  EXPECT_EQ(r, (Captured{2, "Widget.cpp", 17, "frob", "value 42"}));
+  EXPECT_EQ(std::make_pair(r.time, r.facility),
+            std::make_pair(1700000000.25, std::string(kFacility)));
 }
 
-TEST_F(TraceTest, EachSiteIsOneRecordKeepingNulBytes) {
-  Qel::traceLevelsIs(kFacility, 1u);
-  site(0, "first");
-  site(0, std::string("a\0b", 3));
+// A disabled site gets no helper and formats nothing; an enabled one formats
+// once, into one record that keeps NUL bytes.
+TEST_F(TraceTest, SiteFormatsOnlyWhenEnabledAndThenOnceIntoOneRecord) {
+  int formatted = 0;
+  Qel::traceLevelsIs(kFacility, 1u << 3);
+  Qel::TraceHelperStorage storage;
+  EXPECT_EQ(Qel::TraceHelper::createIfEnabled(handle_, 2, &storage), nullptr);
+  EXPECT_FALSE(site(4, Counted{&formatted}));
+  EXPECT_EQ(formatted, 0);
+  site(3, Counted{&formatted});
+  site(3, std::string("a\0b", 3));
+  EXPECT_EQ(formatted, 1);
   ASSERT_EQ(sink_.records.size(), 2u);
+  EXPECT_EQ(sink_.records[0].text, "value counted");
   EXPECT_EQ(sink_.records[1].text, std::string("value a\0b", 9));
 }
 
-TEST_F(TraceTest, DisabledSiteGetsNoHelperAndFormatsNothing) {
-  int formatted = 0;
-  Qel::traceLevelsIs(kFacility, 1u << 1);
-  Qel::TraceHelperStorage storage;
-  EXPECT_EQ(Qel::TraceHelper::createIfEnabled(handle_, 2, &storage), nullptr);
-  EXPECT_FALSE(site(3, Counted{&formatted}));
-  EXPECT_EQ(formatted, 0);
-  EXPECT_TRUE(sink_.records.empty());
-}
-
-TEST_F(TraceTest, EnabledSiteFormatsOnce) {
-  int formatted = 0;
-  Qel::traceLevelsIs(kFacility, 1u << 3);
-  site(3, Counted{&formatted});
-  EXPECT_EQ(formatted, 1);
-  ASSERT_EQ(sink_.records.size(), 1u);
-  EXPECT_EQ(sink_.records[0].text, "value counted");
-}
-
-TEST_F(TraceTest, LevelsBeyondTheFinestAreNeverEnabled) {
+TEST_F(TraceTest, HandlesSeeLaterChangesToTheirOwnFacilityOnlyUpToTheFinestLevel) {
+  Qel::TraceHandle later(kOther, false);
+  Qel::TraceHandle second(kFacility, false);
+  EXPECT_FALSE(later.enabled(4));
+  Qel::traceLevelsIs(kOther, 1u << 4);
+  Qel::traceLevelsIs(kFacility, 1u << 5);
+  EXPECT_TRUE(later.enabled(4) && second.enabled(5) && handle_.enabled(5));
+  EXPECT_FALSE(handle_.enabled(4));
   Qel::traceLevelsIs(kFacility, ~0u);
   EXPECT_TRUE(handle_.enabled(Qel::TraceFacility::kMaxLevel));
   EXPECT_FALSE(handle_.enabled(Qel::TraceFacility::kMaxLevel + 1));
   EXPECT_FALSE(handle_.enabled(1000));
 }
 
-TEST_F(TraceTest, HandlesSeeLaterChangesToTheirOwnFacilityOnly) {
-  Qel::TraceHandle later(kOther, false);
-  Qel::TraceHandle second(kFacility, false);
-  EXPECT_FALSE(later.enabled(4));
-  Qel::traceLevelsIs(kOther, 1u << 4);
-  Qel::traceLevelsIs(kFacility, 1u << 5);
-  EXPECT_TRUE(later.enabled(4));
-  EXPECT_FALSE(handle_.enabled(4));
-  EXPECT_TRUE(second.enabled(5));
-  EXPECT_TRUE(handle_.enabled(5));
-}
-
 TEST_F(TraceTest, DefaultSinkIsRestoredByNull) {
   Qel::utcNowFunctionIs(&fixedClock);
   Qel::traceLevelsIs(kFacility, 1u);
   Qel::traceSinkIs(nullptr);
-  std::string written = writtenToTraceFile([&] { site(0, 7); });
+  const std::string path = ::testing::TempDir() + "qel_trace_test.log";
+  const char* previous = std::getenv("QELTRACE_FILE");
+  const std::string saved = previous ? previous : "";
+  std::remove(path.c_str());
+  ::setenv("QELTRACE_FILE", path.c_str(), 1);
+  site(0, 7);
+  previous ? ::setenv("QELTRACE_FILE", saved.c_str(), 1) : ::unsetenv("QELTRACE_FILE");
+  std::stringstream written;
+  written << std::ifstream(path).rdbuf();
+  std::remove(path.c_str());
   EXPECT_TRUE(sink_.records.empty());
-  EXPECT_EQ(written, "2023-11-14T22:13:20.250000Z QelTest.Trace/0 Widget.cpp:17 frob: value 7\n");
+  EXPECT_EQ(written.str(),
+            "2023-11-14T22:13:20.250000Z QelTest.Trace/0 Widget.cpp:17 frob: value 7\n");
 }
 
-TEST_F(TraceTest, InstallingASinkReturnsTheOneItReplaces) {
+TEST_F(TraceTest, InstallingASinkReturnsTheOneItReplacesOrNullOverTheDefault) {
   Qel::traceLevelsIs(kFacility, 1u);
   {
     CapturingSink inner(nullptr);
@@ -172,9 +143,6 @@ TEST_F(TraceTest, InstallingASinkReturnsTheOneItReplaces) {
   site(0, "outer");  // the fixture's sink is back
   ASSERT_EQ(sink_.records.size(), 1u);
   EXPECT_EQ(sink_.records[0].text, "value outer");
-}
-
-TEST_F(TraceTest, InstallingOverTheDefaultSinkReturnsNull) {
   Qel::TraceSink* fixtures = Qel::traceSinkIs(nullptr);
   EXPECT_EQ(fixtures, &sink_);
   EXPECT_EQ(Qel::traceSinkIs(fixtures), nullptr);
@@ -206,48 +174,27 @@ TEST(TraceEnvironmentTest, SettingsThatAllMatchSayNothing) {
       ::testing::ExitedWithCode(0), "^$");
 }
 
-class TraceConfigTest : public TraceTest {};
-
-struct ConfigCase {
-  const char* levels;  // what follows the facility name
-  std::uint32_t mask;
-};
-
-class TraceConfigAcceptedTest : public TraceTest,
-                                public ::testing::WithParamInterface<ConfigCase> {};
-
-TEST_P(TraceConfigAcceptedTest, SetsTheLevels) {
-  EXPECT_TRUE(Qel::traceConfigIs(std::string(kFacility) + GetParam().levels));
-  EXPECT_EQ(Qel::traceLevels(kFacility), GetParam().mask);
-}
-
-const ConfigCase kAccepted[] = {
-    {"/0-2", 0x7u},    {"/1", 0x2u},   {"", ~0u},      {"/*", ~0u},          {"/0", 0x1u},
-    {"/31", 1u << 31}, {"/0-31", ~0u}, {"/3-3", 0x8u}, {"/30-31", 3u << 30},
-};
-
-INSTANTIATE_TEST_SUITE_P(Forms, TraceConfigAcceptedTest, ::testing::ValuesIn(kAccepted));
-
-class TraceConfigRejectedTest : public TraceTest,
-                                public ::testing::WithParamInterface<const char*> {};
-
-TEST_P(TraceConfigRejectedTest, ReturnsFalseAndChangesNothing) {
-  Qel::traceLevelsIs(kFacility, 1u << 6);
-  EXPECT_FALSE(Qel::traceConfigIs(std::string(kFacility) + GetParam()));
-  EXPECT_EQ(Qel::traceLevels(kFacility), 1u << 6);
-}
-
-INSTANTIATE_TEST_SUITE_P(Forms, TraceConfigRejectedTest,
-                         ::testing::Values("/x", "/1x", "/1 2", "/1-2x", "/2-1", "/32", "/0-32",
-                                           "/1-", "/-1", "/1-2-3", "/4294967297", "/+1", "/1,/2"));
-
-TEST_F(TraceConfigTest, SeveralFacilitiesAreSetAtOnce) {
+TEST_F(TraceTest, ConfigFormsSetTheLevels) {
+  const std::pair<const char*, std::uint32_t> accepted[] = {
+      {"/0-2", 0x7u},    {"/1", 0x2u},   {"", ~0u},      {"/*", ~0u},         {"/0", 0x1u},
+      {"/31", 1u << 31}, {"/0-31", ~0u}, {"/3-3", 0x8u}, {"/30-31", 3u << 30}};
+  for (auto [levels, mask] : accepted) {
+    EXPECT_TRUE(Qel::traceConfigIs(std::string(kFacility) + levels)) << levels;
+    EXPECT_EQ(Qel::traceLevels(kFacility), mask) << levels;
+  }
   EXPECT_TRUE(Qel::traceConfigIs(std::string(kFacility) + "/1, " + kOther + "/0-1"));
-  EXPECT_EQ(Qel::traceLevels(kFacility), 0x2u);
-  EXPECT_EQ(Qel::traceLevels(kOther), 0x3u);
+  EXPECT_EQ(std::make_pair(Qel::traceLevels(kFacility), Qel::traceLevels(kOther)),
+            std::make_pair(0x2u, 0x3u));
 }
 
-TEST_F(TraceConfigTest, OneBadItemRejectsTheWholeText) {
+// A text with one bad item changes nothing, not even its good items.
+TEST_F(TraceTest, BadConfigFormIsRefusedAndChangesNothing) {
+  Qel::traceLevelsIs(kFacility, 1u << 6);
+  for (const char* levels : {"/x", "/1x", "/1 2", "/1-2x", "/2-1", "/32", "/0-32", "/1-", "/-1",
+                             "/1-2-3", "/4294967297", "/+1", "/1,/2"}) {
+    EXPECT_FALSE(Qel::traceConfigIs(std::string(kFacility) + levels)) << levels;
+    EXPECT_EQ(Qel::traceLevels(kFacility), 1u << 6) << levels;
+  }
   EXPECT_FALSE(Qel::traceConfigIs(std::string(kOther) + "/1," + kFacility + "/x"));
   EXPECT_EQ(Qel::traceLevels(kOther), 0u);
 }
@@ -264,13 +211,10 @@ TEST_F(TraceLineTest, HasTimeFacilityLevelFileLineFunctionAndText) {
             "2023-11-14T22:13:20.250000Z Kronlog/1 KronlogWriter:17 eventIs: eventIs size: 3");
 }
 
-TEST_F(TraceLineTest, EpochIsMidnightAndMicrosecondsRoundUpIntoTheNextSecond) {
+TEST_F(TraceLineTest, EpochIsMidnightMicrosecondsRoundUpAndMissingNamesAreQuestionMarks) {
   EXPECT_EQ(Qel::traceLine(record(0.0)).view().substr(0, 27), "1970-01-01T00:00:00.000000Z");
   EXPECT_EQ(Qel::traceLine(record(1700000000.9999996)).view().substr(0, 27),
             "2023-11-14T22:13:21.000000Z");
-}
-
-TEST_F(TraceLineTest, MissingFileAndFunctionPrintAsQuestionMarks) {
   Qel::TraceRecord r = record(0.0);
   r.file = nullptr;
   r.function = nullptr;
