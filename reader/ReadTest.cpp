@@ -1,8 +1,6 @@
-// Tests of the read: which writer directories and writers a pattern selects,
-// the time window, the merge order, what a read leaves in a status it
-// shares, failures of malformed patterns, the trace sites, and a comparison
-// with a plain read (patterns compiled per writer, std::multimap merge) over
-// generated directories.
+// Tests of the read: what patterns and the time window select, the merge
+// order, what a read leaves in a status it shares, malformed patterns, the
+// trace sites, and a comparison with a plain std::multimap read.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,12 +12,15 @@
 #include <random>
 #include <regex>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogWriter.h"
+#include "qel/Allocator.h"
 #include "qel/Dir.h"
+#include "qel/Exception.h"
 #include "qel/String.h"
 #include "qel/Trace.h"
 #include "testing/TraceCapture.h"
@@ -29,6 +30,7 @@ namespace {
 using KronlogReader::Config;
 using KronlogReader::Status;
 using KronlogWriter::WriterDir;
+using namespace std::string_view_literals;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
@@ -120,48 +122,35 @@ class ReadTest : public ::testing::Test {
 
 // ---- Patterns: whole-string, case-sensitive ECMAScript matches.
 
-struct PatternCase {
-  const char* pattern;
-  const char* name;
-  bool selected;
-};
-
-std::ostream& operator<<(std::ostream& os, const PatternCase& c) {
-  return os << '"' << c.pattern << "\" on \"" << c.name << '"';
-}
-
-const PatternCase kPatternCases[] = {
-    {"agent", "agent", true},
-    {"agent", "agent1", false},
-    {"agent", "xagent", false},
-    {"agent", "Agent", false},
-    {"bgp|ospf", "ospf", true},
-    {"bgp|ospf", "bgpospf", false},
-    {"^agent$", "agent", true},
-    {"agent[0-9]+", "agent12", true},
-    {"", "", true},
-    {"", "a", false},
-    {".+", "", false},
-};
-
-class PatternMatchTest : public ReadTest, public ::testing::WithParamInterface<PatternCase> {};
-
 // The writer is named like its agent and the other pattern is left at ".*",
 // so the entry is read exactly when the pattern under test selects the name.
-TEST_P(PatternMatchTest, AgentAndGroupPatternsSelectWholeNamesOnly) {
-  addEntry(GetParam().name, GetParam().name, 1.0, "m");
-  for (bool agent : {true, false}) {
-    Status::Ptr status = KronlogReader::statusFactory();
-    Config::Ptr config = KronlogReader::configFactory();
-    config->dirIs(dir_);
-    if (agent) config->agentPatternIs(GetParam().pattern);
-    if (!agent) config->messageGroupPatternIs(GetParam().pattern);
-    KronlogReader::readerFactory(config, status);
-    EXPECT_EQ(status->logs(), GetParam().selected ? 1u : 0u) << (agent ? "agent" : "group");
+TEST_F(ReadTest, AgentAndGroupPatternsSelectWholeNamesOnly) {
+  const std::tuple<const char*, const char*, bool> cases[] = {{"agent", "agent", true},
+                                                              {"agent", "agent1", false},
+                                                              {"agent", "xagent", false},
+                                                              {"agent", "Agent", false},
+                                                              {"bgp|ospf", "ospf", true},
+                                                              {"bgp|ospf", "bgpospf", false},
+                                                              {"^agent$", "agent", true},
+                                                              {"agent[0-9]+", "agent12", true},
+                                                              {"", "", true},
+                                                              {"", "a", false},
+                                                              {".+", "", false}};
+  for (const auto& [pattern, name, selected] : cases) {
+    for (bool agent : {true, false}) {
+      SCOPED_TRACE(::testing::Message()
+                   << (agent ? "agent " : "group ") << pattern << " on " << name);
+      Qel::Dir::Ptr dir = Qel::dirFactory("agents");
+      ::addEntry(dir, name, name, 1.0, "m");
+      Config::Ptr config = KronlogReader::configFactory();
+      config->dirIs(dir);
+      agent ? config->agentPatternIs(pattern) : config->messageGroupPatternIs(pattern);
+      Status::Ptr status = KronlogReader::statusFactory();
+      KronlogReader::readerFactory(config, status);
+      EXPECT_EQ(status->logs(), selected ? 1u : 0u);
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, PatternMatchTest, ::testing::ValuesIn(kPatternCases));
 
 TEST_F(ReadTest, BothPatternsMustMatch) {
   addEntry("bgp", "peer", 1.0, "bgp peer");
@@ -173,93 +162,30 @@ TEST_F(ReadTest, BothPatternsMustMatch) {
   EXPECT_EQ(statusMessages(), std::vector<std::string>{"bgp peer"});
 }
 
-// ---- ".*" and its look-alikes select exactly what std::regex_match does,
-// also for names holding line terminators, NULs and multi-byte characters.
-
-const std::vector<std::string> kAwkwardNames = {
-    "",
-    "plain",
-    "a\nb",
-    "trailing\r",
-    std::string("nul\0inside", 10),
-    "\xc3\xa4gent",  // a-umlaut
-    "\xe2\x80\xa8",  // U+2028 LINE SEPARATOR, as UTF-8 bytes
-    "\xc2\x85",      // U+0085 NEXT LINE, as UTF-8 bytes
-    "\xff\xfe",
-};
-
-std::vector<std::string> regexSelected(const std::string& pattern,
-                                       const std::vector<std::string>& names) {
-  const std::regex re(pattern);
-  std::vector<std::string> out;
-  for (const std::string& n : names) {
-    if (std::regex_match(n, re)) out.push_back(n);
-  }
-  std::sort(out.begin(), out.end());
-  return out;
-}
-
-class DotStarTest : public ReadTest, public ::testing::WithParamInterface<const char*> {};
-
-// Each writer is named like its agent, so an entry is kept exactly when its
-// name passes both patterns.
-TEST_P(DotStarTest, BothPatternsAgreeWithRegexMatch) {
-  for (const std::string& name : kAwkwardNames) addEntry(name, name, 1.0, name);
-  config_->agentPatternIs(GetParam());
-  config_->messageGroupPatternIs(GetParam());
-  read();
-  std::vector<std::string> kept = statusMessages();
-  std::sort(kept.begin(), kept.end());
-  EXPECT_EQ(kept, regexSelected(GetParam(), kAwkwardNames));
-}
-
-INSTANTIATE_TEST_SUITE_P(Patterns, DotStarTest,
-                         ::testing::Values(".*", "(.*)", ".+", ".*\\n?", "[^\\n]*", "[\\s\\S]*"));
-
 // ---- The time window: both ends inclusive, NaN never inside.
 
-struct WindowCase {
-  double min;
-  double max;
-  double t;
-  bool kept;
-};
-
-std::ostream& operator<<(std::ostream& os, const WindowCase& c) {
-  return os << c.t << " in [" << c.min << ", " << c.max << "]";
-}
-
-const WindowCase kWindowCases[] = {
-    {1.0, 2.0, 1.0, true},
-    {1.0, 2.0, 2.0, true},
-    {1.0, 2.0, std::nextafter(1.0, 0.0), false},
-    {1.0, 2.0, std::nextafter(2.0, 3.0), false},
-    {2.0, 2.0, 2.0, true},
-    {3.0, 1.0, 2.0, false},  // an inverted window holds nothing
-    {0.0, kInf, -1e-300, false},
-    {-kInf, kInf, kNaN, false},
-    {0.0, kNaN, 1.0, false},
-};
-
-class TimeWindowTest : public ReadTest, public ::testing::WithParamInterface<WindowCase> {};
-
-TEST_P(TimeWindowTest, KeepsEntryExactlyWhenInsideWindow) {
-  addEntry("agent", "group", GetParam().t, "m");
-  config_->minTimestampIs(GetParam().min);
-  config_->maxTimestampIs(GetParam().max);
-  read();
-  EXPECT_EQ(status_->logs(), GetParam().kept ? 1u : 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, TimeWindowTest, ::testing::ValuesIn(kWindowCases));
-
-TEST_F(ReadTest, DefaultWindowDropsNegativeAndNaNTimestampsOnly) {
-  for (double t : {-5.0, 3.0, kNaN, 0.0, -kInf, kInf, -0.5, -0.0})
-    addEntry("agent", "group", t, "m");
-  read();
-  std::vector<double> kept;
-  for (const Row& r : statusRows()) kept.push_back(std::get<2>(r));
-  EXPECT_EQ(kept, (std::vector<double>{0.0, -0.0, 3.0, kInf}));
+TEST_F(ReadTest, WindowKeepsAnEntryExactlyWhenInsideIt) {
+  const double cases[][4] = {// min, max, timestamp, kept
+                             {1.0, 2.0, 1.0, true},
+                             {1.0, 2.0, 2.0, true},
+                             {1.0, 2.0, std::nextafter(1.0, 0.0), false},
+                             {1.0, 2.0, std::nextafter(2.0, 3.0), false},
+                             {2.0, 2.0, 2.0, true},
+                             {3.0, 1.0, 2.0, false},  // an inverted window holds nothing
+                             {0.0, kInf, -1e-300, false},
+                             {-kInf, kInf, kNaN, false},
+                             {0.0, kNaN, 1.0, false}};
+  KronlogWriter::Writer::Ptr w = writerIn(dir_, "agent", "group");
+  for (const auto& [min, max, t, kept] : cases) {
+    SCOPED_TRACE(::testing::Message() << t << " in [" << min << ", " << max << "]");
+    w->logDelAll();
+    w->logEnq(KronlogWriter::LogEntry(t, "m"));
+    config_->minTimestampIs(min);
+    config_->maxTimestampIs(max);
+    status_ = KronlogReader::statusFactory();
+    read();
+    EXPECT_EQ(status_->logs(), kept ? 1u : 0u);
+  }
 }
 
 // ---- Merge order.
@@ -277,17 +203,6 @@ class MergeOrderTest : public ReadTest {
   }
 };
 
-TEST_F(MergeOrderTest, EntriesComeOutInTimestampOrderAcrossWriters) {
-  addEntry("bgp", "peer", 3.0, "c");
-  addEntry("bgp", "peer", 7.0, "g");
-  addEntry("ospf", "route", 1.0, "a");
-  addEntry("ospf", "route", 5.0, "e");
-  addEntry("isis", "adj", 2.0, "b");
-  addEntry("isis", "adj", 6.0, "f");
-  read();
-  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"a", "b", "c", "e", "f", "g"}));
-}
-
 TEST_F(MergeOrderTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
   Qel::Dir::Ptr second = Qel::dirFactory("more agents");
   config_->dirIs(second);
@@ -301,21 +216,48 @@ TEST_F(MergeOrderTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
   EXPECT_EQ(statusRows(), inVisitOrder(5.0));
 }
 
-// A log filled out of time order (a restored or streamed one) still merges
-// stably: equal timestamps keep their log order across runs.
-TEST_F(MergeOrderTest, EqualTimestampsAcrossOutOfOrderRunsKeepLogOrder) {
+// A log filled out of time order (a restored or streamed one) is merged by
+// its runs, equal timestamps keeping their log order, and only the final
+// merge reaches the status.
+TEST_F(MergeOrderTest, LogsThatStepBackMergeByRunsKeepingLogOrderForEqualTimes) {
   for (auto [t, m] : {std::pair(2.0, "a"), {1.0, "b"}, {2.0, "c"}, {1.0, "d"}, {0.5, "e"}}) {
     addEntry("agent", "group", t, m);
   }
+  addEntry("other", "group", 1.5, "f");
+  addEntry("other", "group", 3.0, "g");
   read();
-  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"e", "b", "d", "a", "c"}));
+  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"e", "b", "d", "f", "a", "c", "g"}));
+  EXPECT_EQ(statusIndices(), (std::vector<unsigned int>{0, 1, 2, 3, 4, 5, 6}));
+}
+
+// Merged entries are linked in at once: a full index space fails at the
+// entry where one-by-one appends would, and no scratch entries stay behind.
+TEST_F(MergeOrderTest, FullIndexSpaceFailsAtTheSameEntryAsAppendsWould) {
+  for (double t : {1.0, 2.0, 3.0}) addEntry("A", "g", t, std::to_string(static_cast<int>(t)));
+  status_->logEnq(KronlogReader::logEntryFactory("x", "y", 0, "kept"));
+  // One append fits between tail and head, the second would leave no index free.
+  status_->logMetadataIs(Status::LogMetadata(0, 4294967294u));
+  try {
+    read();
+    FAIL() << "the read filled the index space without an error";
+  } catch (const Qel::RangeException& e) {
+    EXPECT_STREQ(e.what(), "linkqueue index space full");
+  }
+  EXPECT_EQ(statusIndices(), (std::vector<unsigned int>{0, 4294967294u}));
+  EXPECT_EQ(status_->log(4294967294u)->message(), "1");
+}
+
+TEST_F(MergeOrderTest, AReadLeavesNoScratchEntriesBehind) {
+  addEntry("A", "g", 5, "a5");
+  addEntry("A", "g", 1, "a1");
+  const auto live = Qel::liveObjects("KronlogReader::LogEntry");
+  read();
+  EXPECT_EQ(Qel::liveObjects("KronlogReader::LogEntry"), live + 2);
 }
 
 // ---- The status: appended to, never cleared or reordered.
 
-class AppendToStatusTest : public ReadTest {};
-
-TEST_F(AppendToStatusTest, SecondReaderAppendsSeparatelyOrderedRun) {
+TEST_F(ReadTest, SecondReaderAppendsSeparatelyOrderedRun) {
   addEntry("agent", "group", 2.0, "first read, late");
   addEntry("agent", "group", 1.0, "first read, early");
   read();
@@ -327,7 +269,7 @@ TEST_F(AppendToStatusTest, SecondReaderAppendsSeparatelyOrderedRun) {
   EXPECT_EQ(statusIndices(), (std::vector<unsigned int>{0, 1, 2, 3, 4}));
 }
 
-TEST_F(AppendToStatusTest, EntriesFollowWhatTheStatusHeld) {
+TEST_F(ReadTest, EntriesFollowWhatTheStatusHeld) {
   status_->logEnq(KronlogReader::logEntryFactory("held", "held", 99.0, "held"));
   status_->logIs(7, KronlogReader::logEntryFactory("held", "held", 98.0, "held at 7"));
   addEntry("agent", "group", 2.0, "b");
@@ -354,33 +296,17 @@ TEST_F(ReadTest, OnlyWriterDirectoriesDirectlyInAConfiguredDirectoryAreRead) {
 
 // ---- Malformed patterns fail at the first comparison, and only then.
 
-class MalformedPatternTest : public ReadTest {
- protected:
-  void SetUp() override {
-    status_->logEnq(KronlogReader::logEntryFactory("held", "held", 1.0, "held"));
-    before_ = statusRows();
-  }
-  std::vector<Row> before_;
-};
-
-TEST_F(MalformedPatternTest, BadAgentPatternThrowsAndLeavesStatusUntouched) {
+TEST_F(ReadTest, BadPatternThrowsAndLeavesTheStatusUntouched) {
+  status_->logEnq(KronlogReader::logEntryFactory("held", "held", 1.0, "held"));
   addEntry("agent", "group", 1.0, "m");
   config_->agentPatternIs("(");
   EXPECT_THROW(read(), std::regex_error);
-  EXPECT_EQ(statusRows(), before_);
+  EXPECT_EQ(statusMessages(), std::vector<std::string>{"held"});
   EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 1));
 }
 
-TEST_F(MalformedPatternTest, BadGroupPatternThrowsAfterEarlierWritersWereCollected) {
-  addEntry("good", "group", 1.0, "m");
-  addEntry("bad", "group", 2.0, "m");
-  config_->messageGroupPatternIs("a{2,1}");
-  EXPECT_THROW(read(), std::regex_error);
-  EXPECT_EQ(statusRows(), before_);
-}
-
 // A bad pattern fails only when there is a name to compare with it.
-TEST_F(MalformedPatternTest, BadPatternsSucceedWithNothingToCompare) {
+TEST_F(ReadTest, BadPatternsSucceedWithNothingToCompare) {
   agentIn(dir_, "agent");  // matched, but without writers
   writerIn(dir_, "excluded", "group");
   config_->agentPatternIs("agent");
@@ -392,7 +318,7 @@ TEST_F(MalformedPatternTest, BadPatternsSucceedWithNothingToCompare) {
   noAgents->dirIs(plain);
   EXPECT_NO_THROW(read());
   EXPECT_NO_THROW(KronlogReader::readerFactory(noAgents, status_));
-  EXPECT_EQ(statusRows(), before_);
+  EXPECT_EQ(status_->logs(), 0u);
 }
 
 // ---- Trace sites.
@@ -428,22 +354,23 @@ TEST_F(ReadTraceTest, LevelTwoTracesTheWindowOncePerSelectedWriterInStreamFormat
   EXPECT_EQ(sink_.records, (std::vector<Traced>{window, window}));
 }
 
+// Each entry once, in log order, even when the log steps back and its runs
+// are merged separately.
 TEST_F(ReadTraceTest, LevelOneListsEveryEntryExaminedIncludingRejectedOnes) {
-  addEntry("bgp", "peer", -1.0, "too early");
   addEntry("bgp", "peer", 5.0, "inside");
+  addEntry("bgp", "peer", -1.0, "too early");
+  addEntry("bgp", "peer", 3.0, "earlier");
   addEntry("bgp", "peer", 100.0, "too late");
   addEntry("bgp", "peer", kNaN, "no time");
   config_->maxTimestampIs(10.0);
   readTracing(1u << 1);
-  EXPECT_EQ(
-      sink_.records,
-      (std::vector<Traced>{
-          entry("handleWriter agentName: bgp messageGroup: peer timestamp: -1 message: too early"),
-          entry("handleWriter agentName: bgp messageGroup: peer timestamp: 5 message: inside"),
-          entry("handleWriter agentName: bgp messageGroup: peer timestamp: 100 message: too late"),
-          entry(
-              "handleWriter agentName: bgp messageGroup: peer timestamp: nan message: no time")}));
-  EXPECT_EQ(statusMessages(), std::vector<std::string>{"inside"});
+  const std::string head = "handleWriter agentName: bgp messageGroup: peer timestamp: ";
+  EXPECT_EQ(sink_.records,
+            (std::vector<Traced>{
+                entry(head + "5 message: inside"), entry(head + "-1 message: too early"),
+                entry(head + "3 message: earlier"), entry(head + "100 message: too late"),
+                entry(head + "nan message: no time")}));
+  EXPECT_EQ(statusMessages(), (std::vector<std::string>{"earlier", "inside"}));
 }
 
 // Names and messages are written raw, NULs and all.
@@ -463,23 +390,24 @@ TEST_F(ReadTraceTest, AllLevelsTraceInReadOrderWithRawNamesAndMessages) {
 
 // ---- Against a plain read over generated directories.
 
-// The read done the plain way: both patterns compiled afresh per writer
-// directory and per writer, one std::multimap for the merge. Returns what the
-// status should hold afterwards, or nothing when the read throws
-// std::regex_error.
+// Both patterns compiled afresh per name, one std::multimap for the merge.
+// Returns what the status should hold afterwards; nothing when the read
+// throws std::regex_error.
 std::optional<std::vector<Row>> plainRead(const Config& config, std::vector<Row> rows) {
+  const Qel::String& a = config.agentPattern();
+  const Qel::String& g = config.messageGroupPattern();
   std::multimap<double, Row> merged;
   try {
     for (const Qel::Dir& d : config.dirMap()) {
       for (const Qel::Entity& e : d.entityMap()) {
         auto* agent = dynamic_cast<const WriterDir*>(&e);
-        if (!agent) continue;
-        const std::regex agentRe(config.agentPattern().begin(), config.agentPattern().end());
-        if (!std::regex_match(agent->name().begin(), agent->name().end(), agentRe)) continue;
+        if (!agent ||
+            !std::regex_match(agent->name().stdString(), std::regex(a.begin(), a.end()))) {
+          continue;
+        }
         for (const KronlogWriter::Writer& writer : agent->writerMap()) {
-          const std::regex groupRe(config.messageGroupPattern().begin(),
-                                   config.messageGroupPattern().end());
-          if (!std::regex_match(writer.name().begin(), writer.name().end(), groupRe)) continue;
+          if (!std::regex_match(writer.name().stdString(), std::regex(g.begin(), g.end())))
+            continue;
           for (const KronlogWriter::Writer::QelLog& node : writer.logQueue()) {
             const double t = node.entry().timestamp();
             if (!(config.minTimestamp() <= t && t <= config.maxTimestamp())) continue;
@@ -496,137 +424,80 @@ std::optional<std::vector<Row>> plainRead(const Config& config, std::vector<Row>
   return rows;
 }
 
-// Directories, agents, writers and logs drawn from small pools, so that
-// names repeat, timestamps tie, and logs come in and out of time order.
-class Generator {
- public:
-  explicit Generator(std::uint32_t seed) : rng_(seed) {}
-
-  std::uint32_t below(std::uint32_t n) { return static_cast<std::uint32_t>(rng_() % n); }
-  template <class T, std::size_t N>
-  const T& pick(const T (&pool)[N]) {
-    return pool[below(N)];
-  }
-
-  std::vector<Qel::Dir::Ptr> directories() {
-    std::vector<Qel::Dir::Ptr> dirs;
-    const std::uint32_t n = 1 + below(3);
-    for (std::uint32_t d = 0; d < n; ++d) {
-      Qel::Dir::Ptr dir = Qel::dirFactory(Qel::Name("dir" + std::to_string(d)));
-      for (std::uint32_t k = below(7); k > 0; --k) fillEntity(dir);
-      dirs.push_back(dir);
-    }
-    return dirs;
-  }
-
-  Config::Ptr config(const std::vector<Qel::Dir::Ptr>& dirs) {
-    static const char* const kAgentPatterns[] = {".*",   ".*",  "agent[0-9]", "bgp|ospf", "",
-                                                 "(.*)", "A.*", "(",          "[^\\n]*"};
-    static const char* const kGroupPatterns[] = {".*", ".*", "peer|route", "P.*",
-                                                 "",   "[",  ".+",         ".*r"};
-    static const double kWindows[][2] = {{0, kInf}, {0, kInf}, {-kInf, kInf}, {1, 3},
-                                         {2, 2},    {3, 1},    {kNaN, kInf}};
-    Config::Ptr c = KronlogReader::configFactory();
-    for (const Qel::Dir::Ptr& d : dirs) {
-      if (below(4) != 0) c->dirIs(d);
-    }
-    c->agentPatternIs(pick(kAgentPatterns));
-    c->messageGroupPatternIs(pick(kGroupPatterns));
-    const auto& window = pick(kWindows);
-    c->minTimestampIs(window[0]);
-    c->maxTimestampIs(window[1]);
-    return c;
-  }
-
- private:
-  void fillEntity(const Qel::Dir::Ptr& dir) {
-    static const std::string kAgents[] = {"agent0", "agent1", "agent10",
-                                          "Agent1", "bgp",    "a\nb",
-                                          "",       "x\ry",   std::string("nul\0x", 5)};
-    const std::string& name = pick(kAgents);
-    if (dir->entity(Qel::Name(name))) return;
-    if (below(6) == 0) {
-      dir->entityIs(Qel::dirFactory(Qel::Name(name)));  // not a writer directory
-      return;
-    }
-    WriterDir::Ptr agent = agentIn(dir, name);
-    for (std::uint32_t w = below(4); w > 0; --w) fillWriter(*agent);
-  }
-
-  void fillWriter(WriterDir& agent) {
-    static const std::string kGroups[] = {"peer", "route", "Peer", "g\n", "", "p\r"};
-    static const double kTimes[] = {-1, -0.0, 0, 1, 1, 2, 2, 2, 3, 5, kInf, -kInf, kNaN};
-    const KronlogWriter::Writer::Ptr writer =
-        agent.writerIs(Qel::Name(pick(kGroups)), KronlogWriter::Config());
-    std::vector<double> times(below(12));
-    for (double& t : times) t = pick(kTimes);
-    if (below(2) == 0) {  // in time order, as a live writer's log is; else as drawn
-      times.erase(
-          std::remove_if(times.begin(), times.end(), [](double t) { return std::isnan(t); }),
-          times.end());
-      std::stable_sort(times.begin(), times.end());
-    }
-    for (double t : times) {
-      writer->logEnq(KronlogWriter::LogEntry(t, Qel::String("m" + std::to_string(serial_++))));
-    }
-  }
-
-  std::mt19937 rng_;
-  unsigned serial_ = 0;
-};
-
 class PlainReadEquivalenceTest : public ::testing::TestWithParam<std::uint32_t> {};
 
+// Names, times and patterns come from small pools, so that names repeat,
+// timestamps tie, and logs come in and out of time order.
 TEST_P(PlainReadEquivalenceTest, StatusMatchesPlainReadForGeneratedDirectories) {
-  Generator gen(GetParam());
-  const std::vector<Qel::Dir::Ptr> dirs = gen.directories();
+  // Line terminators, NULs and multi-byte characters (a-umlaut, U+2028, U+0085)
+  // are where ".*" and its look-alikes must still agree with std::regex_match.
+  static const std::string_view kNames[] = {
+      "agent0",       "agent1",       "Agent1",   "bgp",     "peer", "route",
+      "Peer",         "a\nb",         "",         "x\ry",    "g\n",  "n\0x"sv,
+      "\xc3\xa4gent", "\xe2\x80\xa8", "\xc2\x85", "\xff\xfe"};
+  static const double kTimes[] = {-1, -0.0, 0, 1, 1, 2, 2, 2, 3, 5, kInf, -kInf, kNaN};
+  static const char* const kPatterns[] = {".*",        ".*",   ".*",      "agent[0-9]", "bgp|peer",
+                                          "",          "(.*)", "[^\\n]*", ".+",         ".*\\n?",
+                                          "[\\s\\S]*", "P.*",  "(",       "["};
+  static const double kWindows[][2] = {{0, kInf}, {-kInf, kInf}, {1, 3},
+                                       {2, 2},    {3, 1},        {kNaN, kInf}};
+  std::mt19937 rng(GetParam());
+  auto pick = [&rng](const auto& pool) -> const auto& {
+    return pool[rng() % std::size(pool)];
+  };
+  std::vector<Qel::Dir::Ptr> dirs;
+  for (int d = 0; d < 3; ++d) {
+    dirs.push_back(Qel::dirFactory(Qel::Name("dir" + std::to_string(d))));
+    for (unsigned k = rng() % 7; k > 0; --k) {
+      const std::string agent(pick(kNames));
+      if (dirs.back()->entity(Qel::Name(agent))) continue;
+      if (rng() % 6 == 0) {  // not a writer directory
+        dirs.back()->entityIs(Qel::dirFactory(Qel::Name(agent)));
+        continue;
+      }
+      agentIn(dirs.back(), agent);
+      for (unsigned w = rng() % 4; w > 0; --w) {
+        KronlogWriter::Writer::Ptr writer = writerIn(dirs.back(), agent, std::string(pick(kNames)));
+        std::vector<double> times(rng() % 30);
+        for (double& t : times) t = pick(kTimes);
+        if (rng() % 2 == 0) {  // in time order, as a live writer's log is
+          times.erase(
+              std::remove_if(times.begin(), times.end(), [](double t) { return std::isnan(t); }),
+              times.end());
+          std::stable_sort(times.begin(), times.end());
+        }
+        for (double t : times) {
+          writer->logEnq(KronlogWriter::LogEntry(t, Qel::String("m" + std::to_string(rng()))));
+        }
+      }
+    }
+  }
   for (int round = 0; round < 10; ++round) {
-    Config::Ptr config = gen.config(dirs);
+    Config::Ptr config = KronlogReader::configFactory();
+    for (const Qel::Dir::Ptr& d : dirs) {
+      if (rng() % 4 != 0) config->dirIs(d);
+    }
+    config->agentPatternIs(pick(kPatterns));
+    config->messageGroupPatternIs(pick(kPatterns));
+    const auto& window = pick(kWindows);
+    config->minTimestampIs(window[0]);
+    config->maxTimestampIs(window[1]);
     Status::Ptr status = KronlogReader::statusFactory();
-    for (std::uint32_t k = gen.below(3); k > 0; --k) {
+    for (unsigned k = rng() % 3; k > 0; --k) {
       status->logEnq(KronlogReader::logEntryFactory("held", "held", 1.0, "held"));
     }
     const std::vector<Row> before = rowsOf(*status);
     const std::optional<std::vector<Row>> expected = plainRead(*config, before);
-    SCOPED_TRACE("round " + std::to_string(round) + ", agent pattern \"" +
-                 config->agentPattern().stdString() + "\", group pattern \"" +
+    SCOPED_TRACE("round " + std::to_string(round) + ", patterns \"" +
+                 config->agentPattern().stdString() + "\", \"" +
                  config->messageGroupPattern().stdString() + "\"");
     if (expected) {
       ASSERT_NO_THROW(KronlogReader::readerFactory(config, status));
-      ASSERT_EQ(rowsOf(*status), *expected);
     } else {
       ASSERT_THROW(KronlogReader::readerFactory(config, status), std::regex_error);
-      ASSERT_EQ(rowsOf(*status), before);
     }
+    ASSERT_EQ(rowsOf(*status), expected ? *expected : before);
   }
-}
-
-TEST_P(PlainReadEquivalenceTest, LongInterleavedLogsMatchPlainRead) {
-  // Many writers with long logs of few distinct timestamps: many runs and
-  // many ties for the merge.
-  std::mt19937 rng(GetParam());
-  Qel::Dir::Ptr dir = Qel::dirFactory("agents");
-  for (int a = 0; a < 5; ++a) {
-    for (int w = 0; w < 4; ++w) {
-      const std::string agent = "agent" + std::to_string(a);
-      const std::string group = "group" + std::to_string(w);
-      const bool ordered = rng() % 4 != 0;
-      double t = 0;
-      for (int k = 0; k < 200; ++k) {
-        t = ordered ? t + static_cast<double>(rng() % 2) : static_cast<double>(rng() % 50);
-        addEntry(dir, agent, group, t, agent + "/" + group + "#" + std::to_string(k));
-      }
-    }
-  }
-  Config::Ptr config = KronlogReader::configFactory();
-  config->dirIs(dir);
-  config->minTimestampIs(static_cast<double>(rng() % 10));
-  config->maxTimestampIs(40 + static_cast<double>(rng() % 100));
-  Status::Ptr status = KronlogReader::statusFactory();
-  const std::optional<std::vector<Row>> expected = plainRead(*config, {});
-  ASSERT_TRUE(expected);
-  KronlogReader::readerFactory(config, status);
-  EXPECT_EQ(rowsOf(*status), *expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, PlainReadEquivalenceTest, ::testing::Range<std::uint32_t>(1, 13));

@@ -1,5 +1,6 @@
 // Tests of the reader's surface: the configuration's directory collection,
-// the status log, the reader's one-shot life and the reflection registrations.
+// what the status's logIs does with pointers, the reader's one-shot life and
+// the registrations.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -58,13 +59,18 @@ TEST_F(ConfigTest, FreshConfigHasNoDirsMatchAllPatternsAndWindowFromZeroToInfini
   EXPECT_EQ(fresh->maxTimestamp(), std::numeric_limits<double>::infinity());
 }
 
-TEST_F(ConfigTest, DirIsAddsDirectoriesUnderTheirNames) {
-  Qel::Dir::Ptr agents = Qel::dirFactory("agents");
-  for (const char* name : {"c", "b"}) config_->dirIs(Qel::dirFactory(name));
-  config_->dirIs(agents);
-  EXPECT_EQ(config_->dir("agents"), agents);
-  EXPECT_EQ(dirNames(), (std::vector<std::string>{"agents", "b", "c"}));
-  EXPECT_EQ(config_->notified, (std::vector<std::string>{"c", "b", "agents"}));
+TEST_F(ConfigTest, DirCollectionAddsAndRemovesByNameNotifyingEachName) {
+  for (const char* name : {"c", "b", "a"}) config_->dirIs(Qel::dirFactory(name));
+  Qel::Dir::Ptr removed = config_->dir("b");
+  EXPECT_EQ(config_->dirDel("b"), removed);
+  EXPECT_EQ(config_->dirDel("b"), nullptr);
+  EXPECT_EQ(dirNames(), (std::vector<std::string>{"a", "c"}));
+  EXPECT_EQ(config_->notified, (std::vector<std::string>{"c", "b", "a", "b"}));
+  config_->notified.clear();
+  config_->dirDelAll();
+  EXPECT_FALSE(config_->dirIter());
+  std::sort(config_->notified.begin(), config_->notified.end());
+  EXPECT_EQ(config_->notified, (std::vector<std::string>{"a", "c"}));
 }
 
 TEST_F(ConfigTest, DirIsIgnoresTheSameDirButReplacesWithAnotherOfTheSameName) {
@@ -95,28 +101,6 @@ TEST_F(ConfigTest, DirIsNullThrowsRangeExceptionAndLeavesCollection) {
   EXPECT_EQ(config_->notified, std::vector<std::string>{"agents"});
 }
 
-TEST_F(ConfigTest, DirDelByNameReturnsDirAndRemovesItOrNullWhenAbsent) {
-  Qel::Dir::Ptr kept = Qel::dirFactory("kept");
-  Qel::Dir::Ptr removed = Qel::dirFactory("removed");
-  config_->dirIs(kept);
-  config_->dirIs(removed);
-  EXPECT_EQ(config_->dirDel("removed"), removed);
-  EXPECT_EQ(config_->dirDel("removed"), nullptr);
-  EXPECT_EQ(config_->dir("removed"), nullptr);
-  EXPECT_EQ(dirNames(), std::vector<std::string>{"kept"});
-  EXPECT_EQ(config_->notified, (std::vector<std::string>{"kept", "removed", "removed"}));
-}
-
-TEST_F(ConfigTest, DirDelAllRemovesEveryMember) {
-  for (const char* name : {"a", "b", "c", "d"}) config_->dirIs(Qel::dirFactory(name));
-  config_->notified.clear();
-  config_->dirDelAll();
-  EXPECT_EQ(config_->dirs(), 0u);
-  EXPECT_FALSE(config_->dirIter());
-  std::sort(config_->notified.begin(), config_->notified.end());
-  EXPECT_EQ(config_->notified, (std::vector<std::string>{"a", "b", "c", "d"}));
-}
-
 // Const iterators and range-for over const maps hand out const values.
 static_assert(std::is_same_v<decltype(*std::declval<Config::DirIteratorConst>()), const Qel::Dir&>);
 static_assert(
@@ -140,73 +124,48 @@ TEST_F(ConfigTest, RangeForVisitsEveryDirectoryAndEveryEntityOfIt) {
   EXPECT_EQ(seen, (std::vector<std::string>{"agents/x", "agents/y"}));
 }
 
-// ---- Status: what differs from the log accessors every owner shares
-// (those are tested over both owners in LogAttributeTest.cpp)
+// ---- Status: logIs holds entries by pointer (the accessors every owner
+// shares are tested in LogAttributeTest.cpp). On a status holding a, b, c
+// at 0, 1, 2: `message` null hands logIs a null entry, "b" the entry at 1.
 
-// logIs on a status holding a, b, c at indices 0, 1, 2.
 struct StatusLogIsCase {
-  const char* name;
   unsigned index;
-  const char* message;  // null hands logIs a null entry; "b" the entry already at 1
+  const char* message;
   std::vector<std::string> after;
   std::vector<unsigned> notified;
-  std::uint32_t versionDelta;
+  std::uint32_t versionDelta;  // replacing in place leaves the version
 };
 
-class StatusLogIsTest : public ::testing::TestWithParam<StatusLogIsCase> {
- protected:
+TEST(StatusTest, LogIsInsertsReplacesInPlaceOrRemoves) {
   struct Heard : Status {
     void logNotify(unsigned int index) override { notified.push_back(index); }
     std::vector<unsigned> notified;
   };
-  StatusLogIsTest() {
-    for (const char* m : {"a", "b", "c"}) status_->logEnq(entry(m));
-    status_->notified.clear();
-  }
-  static LogEntry::Ptr entry(const char* m) {
-    return KronlogReader::logEntryFactory("agent", "group", 1.0, m);
-  }
-  std::vector<std::string> rows() const {
-    std::vector<std::string> out;
-    for (const auto& m : status_->logQueue()) {
-      out.push_back(std::to_string(m.index()) + m.value()->message().stdString());
+  auto entry = [](const char* m) { return KronlogReader::logEntryFactory("a", "g", 1.0, m); };
+  const StatusLogIsCase cases[] = {
+      {5, "f", {"0a", "1b", "2c", "5f"}, {5}, 1}, {1, "B", {"0a", "1B", "2c"}, {1}, 0},
+      {0, "a", {"0a", "1b", "2c"}, {0}, 0},  // equal but distinct
+      {1, "b", {"0a", "1b", "2c"}, {}, 0},        {1, nullptr, {"0a", "2c"}, {1}, 1},
+      {7, nullptr, {"0a", "1b", "2c"}, {}, 0}};
+  for (const StatusLogIsCase& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.index << " " << (c.message ? c.message : "null"));
+    Qel::Ptr<Heard> status = new Heard;
+    for (const char* m : {"a", "b", "c"}) status->logEnq(entry(m));
+    status->notified.clear();
+    const std::uint32_t version = status->logQueue().version();
+    LogEntry::Ptr e = !c.message                      ? nullptr
+                      : std::string(c.message) == "b" ? status->log(1)
+                                                      : entry(c.message);
+    status->logIs(c.index, e);
+    std::vector<std::string> rows;
+    for (const auto& m : status->logQueue()) {
+      rows.push_back(std::to_string(m.index()) + m.value()->message().stdString());
     }
-    return out;
+    EXPECT_EQ(rows, c.after);
+    EXPECT_EQ(status->notified, c.notified);
+    EXPECT_EQ(status->logQueue().version() - version, c.versionDelta);
+    EXPECT_EQ(status->log(c.index), e);
   }
-  Qel::Ptr<Heard> status_ = new Heard;
-};
-
-TEST_P(StatusLogIsTest, InsertsReplacesInPlaceOrRemoves) {
-  const StatusLogIsCase& c = GetParam();
-  const std::uint32_t version = status_->logQueue().version();
-  LogEntry::Ptr e = !c.message                      ? nullptr
-                    : std::string(c.message) == "b" ? status_->log(1)
-                                                    : entry(c.message);
-  status_->logIs(c.index, e);
-  EXPECT_EQ(rows(), c.after);
-  EXPECT_EQ(status_->notified, c.notified);
-  EXPECT_EQ(status_->logQueue().version() - version, c.versionDelta);  // in place: unchanged
-  EXPECT_EQ(status_->log(c.index), e);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, StatusLogIsTest,
-    ::testing::Values(
-        StatusLogIsCase{"AbsentInserts", 5, "f", {"0a", "1b", "2c", "5f"}, {5}, 1},
-        StatusLogIsCase{"PresentIsReplaced", 1, "B", {"0a", "1B", "2c"}, {1}, 0},
-        StatusLogIsCase{"EqualButDistinctReplaces", 0, "a", {"0a", "1b", "2c"}, {0}, 0},
-        StatusLogIsCase{"SamePointerChangesNothing", 1, "b", {"0a", "1b", "2c"}, {}, 0},
-        StatusLogIsCase{"NullRemoves", 1, nullptr, {"0a", "2c"}, {1}, 1},
-        StatusLogIsCase{"NullAtAbsentIsANoOp", 7, nullptr, {"0a", "1b", "2c"}, {}, 0}),
-    [](const ::testing::TestParamInfo<StatusLogIsCase>& p) { return std::string(p.param.name); });
-
-TEST(StatusTest, LogMetadataIsSetsHeadAndNextIndex) {
-  Status::Ptr status = KronlogReader::statusFactory();
-  status->logMetadataIs(Status::LogMetadata(7, 7));
-  EXPECT_EQ(status->logMetadata(), Status::LogMetadata(7, 7));
-  status->logEnq(KronlogReader::logEntryFactory("agent", "group", 1.0, "a"));
-  EXPECT_EQ(status->log(7)->message(), "a");
-  EXPECT_EQ(status->logMetadata(), Status::LogMetadata(7, 8));
 }
 
 // ---- Reader
@@ -225,16 +184,12 @@ class ReaderLifecycleTest : public ::testing::Test {
   Status::Ptr status_ = KronlogReader::statusFactory();
 };
 
-TEST_F(ReaderLifecycleTest, FactoryReturnsInitializedReaderAfterFillingStatus) {
+TEST_F(ReaderLifecycleTest, FactoryReturnsInitializedReaderAfterFillingStatusAndRereadsOnRequest) {
   KronlogReader::Reader::Ptr reader = KronlogReader::readerFactory(config_, status_);
   EXPECT_TRUE(reader->initialized());
   EXPECT_EQ(status_->logs(), 1u);
   EXPECT_EQ(reader->config(), config_);
   EXPECT_EQ(reader->status(), status_);
-}
-
-TEST_F(ReaderLifecycleTest, HandleInitializedAndDoReadEachAppendAnotherRun) {
-  KronlogReader::Reader::Ptr reader = KronlogReader::readerFactory(config_, status_);
   reader->initializedIs(false);
   reader->handleInitialized();
   EXPECT_TRUE(reader->initialized());
@@ -244,26 +199,13 @@ TEST_F(ReaderLifecycleTest, HandleInitializedAndDoReadEachAppendAnotherRun) {
 
 TEST_F(ReaderLifecycleTest, FailedReadCreatesNoReader) {
   config_->agentPatternIs("(");
-  KronlogReader::Reader::Ptr reader;
-  EXPECT_THROW(reader = KronlogReader::readerFactory(config_, status_), std::regex_error);
-  EXPECT_EQ(reader, nullptr);
+  EXPECT_THROW(KronlogReader::readerFactory(config_, status_), std::regex_error);
   EXPECT_EQ(Qel::liveObjects("KronlogReader::Reader"), 0u);
 }
 
 // ---- Reflection
 
-TEST(ReflectionTest, ReaderTypesAreRegisteredStatusReaderLogEntryConfig) {
-  std::vector<std::string> registered;
-  for (const Qel::TypeNode* t : Qel::typeNodes()) {
-    if (t->name().view().substr(0, 15) == "KronlogReader::")
-      registered.push_back(t->name().stdString());
-  }
-  EXPECT_EQ(registered,
-            (std::vector<std::string>{"KronlogReader::Status", "KronlogReader::Reader",
-                                      "KronlogReader::LogEntry", "KronlogReader::Config"}));
-}
-
-TEST_F(ReaderLifecycleTest, RegisteredTypesReadTheAttributes) {
+TEST_F(ReaderLifecycleTest, TypesAreRegisteredInOrderAndReadTheAttributes) {
   config_->agentPatternIs("bgp|ospf");
   config_->minTimestampIs(2.5);
   KronlogReader::Reader::Ptr reader = KronlogReader::readerFactory(config_, status_);
@@ -278,6 +220,14 @@ TEST_F(ReaderLifecycleTest, RegisteredTypesReadTheAttributes) {
   EXPECT_EQ(configType->attribute(*config_, "minTimestamp"), "2.5");
   EXPECT_EQ(configType->attribute(*config_, "maxTimestamp"), "inf");
   EXPECT_EQ(reader->fwkType()->attribute(*reader, "initialized"), "true");
+  std::vector<std::string> registered;
+  for (const Qel::TypeNode* t : Qel::typeNodes()) {
+    if (t->name().view().substr(0, 15) == "KronlogReader::")
+      registered.push_back(t->name().stdString());
+  }
+  EXPECT_EQ(registered,
+            (std::vector<std::string>{"KronlogReader::Status", "KronlogReader::Reader",
+                                      "KronlogReader::LogEntry", "KronlogReader::Config"}));
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
-// Writer directories streamed between real processes: a forked agent
-// records random events under both policies, adds and removes writers,
-// while this process mounts it and stalls for stretches; once the agent is
-// quiet the mounted copy equals what the agent reports, and a follower of
-// the copy has accounted for every event.
+// Writer directories streamed between real processes: a forked agent makes
+// random changes while this process mounts it and stalls; once the agent is
+// quiet the mounted copy equals what the agent reports.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -39,11 +37,7 @@ class WriterProcessTest : public ::testing::Test {
     path_ = dir_ + "/agent.sock";
   }
   ~WriterProcessTest() override {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    if (report_ >= 0) ::close(report_);
+    stop();
     ::unlink(path_.c_str());
     ::rmdir((dir_ + "/kronlog").c_str());
     ::rmdir(dir_.c_str());
@@ -82,13 +76,16 @@ class WriterProcessTest : public ::testing::Test {
     }
     for (int i = 0; i < 100; ++i) loop->runOnce(0.001);
     std::string state = stateOf(dir.ptr()) + '\0';
-    for (std::size_t at = 0; at < state.size();) {
-      ssize_t n = ::write(out, state.data() + at, state.size() - at);
-      if (n <= 0) ::_exit(1);
-      at += static_cast<std::size_t>(n);
+    for (ssize_t at = 0, n; at < static_cast<ssize_t>(state.size()); at += n) {
+      if ((n = ::write(out, state.data() + at, state.size() - at)) <= 0) ::_exit(1);
     }
     loop->run();
     ::_exit(0);
+  }
+  void stop() {
+    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
+    if (report_ >= 0) ::close(report_);
+    pid_ = report_ = -1;
   }
   void fork(unsigned seed, int rounds) {
     int fds[2];
@@ -153,15 +150,11 @@ TEST_F(WriterProcessTest, StalledMountConvergesOnTheAgent) {
     }
     std::string expected = agentState();
     ASSERT_NE(expected, "");
-    EXPECT_TRUE(runUntil([&] { return stateOf(mounted()) == expected; }));
+    runUntil([&] { return stateOf(mounted()) == expected; });
     EXPECT_EQ(stateOf(mounted()), expected);
     EXPECT_TRUE(mounted()->readOnly());
     m = nullptr;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-    ::close(report_);
-    report_ = -1;
+    stop();
     agents_->entityDelAll();
   }
 }

@@ -1,14 +1,12 @@
-// Tests of the writer directory: get-or-create with its refusal of a
-// conflicting configuration, removal with its notifications and parent
-// links, renaming from a backup, const iteration, and what a dropped
-// directory releases.
+// Tests of the writer directory: get-or-create and its refusal of another
+// configuration, removal, renaming from a backup, const iteration, lifetimes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "kronlog/KronlogWriter.h"
@@ -81,24 +79,18 @@ TEST_F(WriterDirTest, SameNameAndConfigReturnsTheSameWriterUntouchedAndNotifiesO
 }
 
 // writerIs notifies the new name; newWriter, the raw step, does not.
-class CreateTest
-    : public WriterDirTest,
-      public ::testing::WithParamInterface<
-          std::pair<bool, Writer::Ptr (WriterDir::*)(const Qel::Name&, const Config&)>> {};
-
-TEST_P(CreateTest, NewWriterHasTheConfigTheDirectoryAsParentAndIsFoundByExactName) {
-  Writer::Ptr w = ((*dir_).*GetParam().second)("w", Config(4, keepFirstEntries));
-  EXPECT_EQ(dir_->writer("w"), w);
-  EXPECT_FALSE(dir_->writer("W"));
-  EXPECT_EQ(w->config(), Config(4, keepFirstEntries));
-  EXPECT_EQ(w->parent(), dir_.ptr());
-  EXPECT_EQ(w->parentAttr(), "writer");
-  EXPECT_EQ(heard(), GetParam().first ? Strings{"w"} : Strings{});
+TEST_F(WriterDirTest, NewWriterHasTheConfigTheDirectoryAsParentAndIsFoundByExactName) {
+  Writer::Ptr a = dir_->writerIs("a", Config(4, keepFirstEntries));
+  Writer::Ptr b = dir_->newWriter("b", Config(4, keepFirstEntries));
+  for (const Writer::Ptr& w : {a, b}) {
+    EXPECT_EQ(dir_->writer(w->name()), w);
+    EXPECT_EQ(w->config(), Config(4, keepFirstEntries));
+    EXPECT_EQ(w->parent(), dir_.ptr());
+    EXPECT_EQ(w->parentAttr(), "writer");
+  }
+  EXPECT_FALSE(dir_->writer("A"));
+  EXPECT_EQ(heard(), Strings{"a"});
 }
-
-INSTANTIATE_TEST_SUITE_P(Ops, CreateTest,
-                         ::testing::Values(std::make_pair(true, &WriterDir::writerIs),
-                                           std::make_pair(false, &WriterDir::newWriter)));
 
 TEST_F(WriterDirTest, ConflictLeavesWriterAndDirectoryAsTheyWere) {
   Writer::Ptr w = busy("w", Config(10, keepLastEntries));
@@ -114,17 +106,10 @@ TEST_F(WriterDirTest, ConflictLeavesWriterAndDirectoryAsTheyWere) {
 
 // ---- writerDel and writerDelAll
 
-TEST_F(WriterDirTest, DelOfAbsentNameReturnsNullAndIsSilent) {
-  EXPECT_FALSE(dir_->writerDel("a"));
-  dir_->writerDelAll();
-  add("a");
-  EXPECT_FALSE(dir_->writerDel("b"));
-  EXPECT_EQ(dir_->writers(), 1u);
-  EXPECT_EQ(heard(), (Strings{"a"}));
-}
-
-TEST_F(WriterDirTest, DelRemovesReturnsUnparentsAndNotifiesKeepingTheWritersState) {
+TEST_F(WriterDirTest, DelRemovesReturnsUnparentsAndNotifiesButAnAbsentNameIsSilent) {
+  EXPECT_FALSE(dir_->writerDel("w"));
   Writer::Ptr w = busy("w", Config(10, keepLastEntries));
+  EXPECT_FALSE(dir_->writerDel("v"));
   EXPECT_EQ(dir_->writerDel("w"), w);
   EXPECT_FALSE(dir_->writer("w"));
   EXPECT_EQ(w->parent(), nullptr);
@@ -166,95 +151,66 @@ TEST_F(WriterDirTest, RangeForAndConstIteratorVisitEveryWriterOnce) {
   EXPECT_EQ(iterated, ranged);
 }
 
-// ---- nameIsFromBackup
+// ---- nameIsFromBackup: the writer stays under its old key.
 
-TEST_F(WriterDirTest, RenamedWriterIsStillFoundAndRemovedUnderItsKey) {
-  Writer::Ptr w = add("w"), x = add("x");
-  w->nameIsFromBackup("v");
-  EXPECT_EQ(w->name(), "v");
-  EXPECT_EQ(heard(), (Strings{"w", "x"}));
-  EXPECT_EQ(dir_->writer("w"), w);
-  EXPECT_EQ(dir_->writer("v"), nullptr);
-  dir_->writerDelAll();
-  EXPECT_TRUE(dir_->writers() == 0 && !w->parent() && !x->parent());
-}
-
-TEST_F(WriterDirTest, RenamingOneWriterDoesNotHideTheOthers) {
+TEST_F(WriterDirTest, RenamedWritersAreStillFoundAndRemovedUnderTheirKeys) {
   std::vector<Writer::Ptr> all;
   for (int k = 0; k < 64; ++k) all.push_back(add("w" + std::to_string(k)));
   for (int k = 0; k < 64; k += 2) all[k]->nameIsFromBackup("zz" + std::to_string(k));
+  EXPECT_EQ(all[0]->name(), "zz0");
+  EXPECT_EQ(dir_->writer("zz0"), nullptr);
   for (int k = 0; k < 64; ++k) EXPECT_EQ(dir_->writer("w" + std::to_string(k)), all[k]) << k;
+  dir_->writerDelAll();
+  EXPECT_EQ(heard().size(), 128u);
+  EXPECT_TRUE(dir_->writers() == 0 && !all[0]->parent() && !all[1]->parent());
 }
 
-// ---- Lifetimes
-
-TEST(WriterDirLifetimeTest, RemovedWritersAndDroppedDirectoriesAreReleased) {
+TEST(WriterDirLifetimeTest, RemovedWritersAndDroppedDirectoriesAreReleasedButHeldOnesOutlive) {
   const std::uint64_t writers = Qel::liveObjects("KronlogWriter::Writer");
   const std::uint64_t nodes = Qel::liveObjects("KronlogWriter::Writer::QelLog");
   const std::uint64_t dirs = Qel::liveObjects("KronlogWriter::WriterDir");
+  Writer::Ptr kept;
   {
     WriterDir::Ptr d = KronlogWriter::writerDirFactory("d");
     for (const char* n : {"a", "b", "c"}) d->writerIs(n, Config(2, keepLastEntries))->eventIs("e");
     d->writerDel("a");
     EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer"), writers + 2);
+    kept = d->writer("b");
   }
+  EXPECT_EQ(kept->parent(), nullptr);
+  EXPECT_EQ(kept->logs(), 1u);
+  kept = nullptr;
   EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer"), writers);
   EXPECT_EQ(Qel::liveObjects("KronlogWriter::Writer::QelLog"), nodes);
   EXPECT_EQ(Qel::liveObjects("KronlogWriter::WriterDir"), dirs);
 }
 
-TEST(WriterDirLifetimeTest, WriterHeldElsewhereOutlivesItsDirectoryUnparented) {
-  Writer::Ptr kept;
-  {
-    WriterDir::Ptr d = KronlogWriter::writerDirFactory("d");
-    kept = d->writerIs("a", Config());
-    kept->eventIs("e");
-  }
-  EXPECT_EQ(kept->parent(), nullptr);
-  EXPECT_EQ(kept->logs(), 1u);
-}
-
 // ---- The name-in-use message: requested configuration first, current
 // second, the name in its quoted text form.
 
-struct ConflictCase {
-  const char* what;
-  const char* name;
-  Config current;
-  Config requested;
-  const char* message;
-};
-
-class ConflictMessageTest : public WriterDirTest,
-                            public ::testing::WithParamInterface<ConflictCase> {};
-
-TEST_P(ConflictMessageTest, NamesRequestedThenCurrentConfig) {
-  add(GetParam().name, GetParam().current);
-  try {
-    add(GetParam().name, GetParam().requested);
-    FAIL() << "no NameInUseException";
-  } catch (const Qel::NameInUseException& e) {
-    EXPECT_STREQ(e.what(), GetParam().message);
+TEST_F(WriterDirTest, ConflictMessageNamesRequestedThenCurrentConfig) {
+  const std::tuple<const char*, Config, Config, const char*> cases[] = {
+      {"w", Config(10, keepLastEntries), Config(5, keepLastEntries),
+       "Reinstantiating the entity with name 'w' where constructor parameter attribute "
+       "_config has a different value of Value('KronlogWriter::Config', ** {'size': 5, "
+       "'overflowAction': keepLastEntries}) than the current value of "
+       "Value('KronlogWriter::Config', ** {'size': 10, 'overflowAction': keepLastEntries}) "
+       "not allowed"},
+      {"it's", Config(1, keepFirstEntries), Config(2, keepFirstEntries),
+       "Reinstantiating the entity with name 'it\\'s' where constructor parameter attribute "
+       "_config has a different value of Value('KronlogWriter::Config', ** {'size': 2, "
+       "'overflowAction': keepFirstEntries}) than the current value of "
+       "Value('KronlogWriter::Config', ** {'size': 1, 'overflowAction': keepFirstEntries}) "
+       "not allowed"}};
+  for (const auto& [name, current, requested, message] : cases) {
+    add(name, current);
+    try {
+      add(name, requested);
+      ADD_FAILURE() << "no NameInUseException for " << name;
+    } catch (const Qel::NameInUseException& e) {
+      EXPECT_STREQ(e.what(), message);
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ConflictMessageTest,
-    ::testing::Values(
-        ConflictCase{
-            "Size", "w", Config(10, keepLastEntries), Config(5, keepLastEntries),
-            "Reinstantiating the entity with name 'w' where constructor parameter attribute "
-            "_config has a different value of Value('KronlogWriter::Config', ** {'size': 5, "
-            "'overflowAction': keepLastEntries}) than the current value of "
-            "Value('KronlogWriter::Config', ** {'size': 10, 'overflowAction': keepLastEntries}) "
-            "not allowed"},
-        ConflictCase{
-            "QuotedName", "it's", Config(1, keepFirstEntries), Config(2, keepFirstEntries),
-            "Reinstantiating the entity with name 'it\\'s' where constructor parameter attribute "
-            "_config has a different value of Value('KronlogWriter::Config', ** {'size': 2, "
-            "'overflowAction': keepFirstEntries}) than the current value of "
-            "Value('KronlogWriter::Config', ** {'size': 1, 'overflowAction': keepFirstEntries}) "
-            "not allowed"}),
-    [](const ::testing::TestParamInfo<ConflictCase>& p) { return std::string(p.param.what); });
 
 }  // namespace
