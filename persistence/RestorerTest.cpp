@@ -1,12 +1,10 @@
 // Tests of the restorer: one agent's saved events back into its writer
-// directory (with their saved timestamps, into existing or newly created
-// writers), the narrow position counter that limits a restore to 255
+// directory, the 8-bit position counter that limits a restore to 255
 // entries, and the Config value's identity, text form and parsing.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <sstream>
@@ -24,26 +22,18 @@
 namespace KronlogTest {
 namespace {
 
-using KronlogWriter::LogEntry;
 using Entries = std::vector<KronlogWriter::LogEntry>;
 
 constexpr char kDoRestore[] = "void KronlogRestorer::Restorer::doRestore()";
 
-Seen restorerTrace(int line, const std::string& text) {
-  return Seen{0, "KronlogRestorer", line, "doRestore", text};
-}
-
-// A store file holding `rows`, written without the store driver.
+// A store file holding `rows`.
 std::string storeText(const std::vector<Row>& rows) {
-  std::string json = "{\"Kronlog\":[";
+  std::vector<std::string> elements;
   for (const Row& r : rows) {
-    char t[32];
-    std::snprintf(t, sizeof t, "%.17g", r.timestamp);
-    json += std::string(json.back() == '[' ? "" : ",") + "{\"timestamp\":" + t +
-            ",\"agentName\":\"" + r.agentName + "\",\"messageGroup\":\"" + r.messageGroup +
-            "\",\"message\":\"" + r.message + "\"}";
+    elements.push_back(
+        KronlogTesting::storeEntry(r.timestamp, r.agentName, r.messageGroup, r.message));
   }
-  return "FORMAT: JSON\nVERSION: 1\n" + json + "]}\n";
+  return KronlogTesting::storeOf(elements);
 }
 
 // `count` entries of agent A in group g: m0, m1, ... at times 0, 1, ...
@@ -52,25 +42,21 @@ std::vector<Row> numbered(int count) {
   for (int k = 0; k < count; ++k) rows.push_back({"A", "g", double(k), "m" + std::to_string(k)});
   return rows;
 }
-
 Entries numberedEntries(int count) {
   Entries entries;
-  for (int k = 0; k < count; ++k) entries.emplace_back(double(k), "m" + std::to_string(k));
+  for (const Row& r : numbered(count)) entries.emplace_back(r.timestamp, r.message);
   return entries;
 }
 
 class RestorerTest : public PersistenceTest {
  protected:
-  void SetUp() override {
-    PersistenceTest::SetUp();
-    dir_ = KronlogWriter::writerDirFactory("A");
+  static Seen trace(int line, const std::string& text) {
+    return {0, "KronlogRestorer", line, "doRestore", text};
   }
-
   void writeRows(const std::vector<Row>& rows) { writeStoreFile(storeText(rows)); }
   KronlogRestorer::Restorer::Ptr restoreHere() {
     return KronlogRestorer::restorerFactory(KronlogRestorer::Config(dir_));
   }
-
   // The entries of writer `group` of the directory, oldest first.
   Entries entries(const char* group) const {
     Entries out;
@@ -80,17 +66,17 @@ class RestorerTest : public PersistenceTest {
     return out;
   }
 
-  KronlogWriter::WriterDir::Ptr dir_;
+  KronlogWriter::WriterDir::Ptr dir_ = KronlogWriter::writerDirFactory("A");
 };
 
 TEST_F(RestorerTest, WithoutADirectoryItTracesAndNeverOpensTheStore) {
   writeRows(numbered(1));
   EXPECT_TRUE(KronlogRestorer::restorerFactory(KronlogRestorer::Config())->initialized());
-  EXPECT_EQ(traces(),
-            (std::vector<Seen>{
-                restorerTrace(20, kDoRestore),
-                restorerTrace(24, std::string(kDoRestore) +
-                                      " WriterDir to restore the events is not set.Exiting...")}));
+  EXPECT_EQ(
+      traces(),
+      (std::vector<Seen>{trace(20, kDoRestore),
+                         trace(24, std::string(kDoRestore) +
+                                       " WriterDir to restore the events is not set.Exiting...")}));
 }
 
 // With the saved timestamps, to the last bit, and not the time of the restore.
@@ -126,7 +112,7 @@ TEST_F(RestorerTest, MissingWritersAreCreatedWithTheDefaultConfigurationAndTakeA
 
 TEST_F(RestorerTest, AnExistingWriterKeepsItsConfigurationAndGetsEntriesAppended) {
   const KronlogWriter::Config own(3, KronlogWriter::keepFirstEntries);
-  dir_->writerIs("g", own)->logEnq(LogEntry(100, "already there"));
+  dir_->writerIs("g", own)->logEnq(KronlogWriter::LogEntry(100, "already there"));
   writeRows(numbered(4));
   restoreHere();
   EXPECT_EQ(dir_->writer("g")->config(), own);
@@ -136,7 +122,7 @@ TEST_F(RestorerTest, AnExistingWriterKeepsItsConfigurationAndGetsEntriesAppended
 
 TEST_F(RestorerTest, TwoHundredFiftyFiveEntriesAreWalkedOnce) {
   writeRows(numbered(255));
-  traceLevels(kLevel0);
+  traceLevels(0x1);
   restoreHere();
   EXPECT_EQ(entries("g"), numberedEntries(255));
   EXPECT_EQ(tracesOf("KronlogRestorer").size(), 1u + 255u);
@@ -154,10 +140,8 @@ TEST_F(RestorerTest, EachEntryIsTracedBeforeItIsAppended) {
   writeRows({{"A", "g", 1700000000.25, "link down"}});
   restoreHere();
   const std::vector<Seen> expected = {
-      restorerTrace(20, kDoRestore),
-      restorerTrace(54,
-                    "doRestore timestamp: 1.7e+09 agentName: A messageGroup: g message: link "
-                    "down")};
+      trace(20, kDoRestore),
+      trace(54, "doRestore timestamp: 1.7e+09 agentName: A messageGroup: g message: link down")};
   EXPECT_EQ(whenAppended, expected);
   EXPECT_EQ(tracesOf("KronlogRestorer"), expected);
 }
@@ -174,32 +158,19 @@ TEST_F(RestorerTest, EachRestoreAppendsEverythingAgain) {
   EXPECT_EQ(type->attribute(*restorer, "initialized"), "true");
 }
 
-// ---- The 8-bit position counter
+// A store of 256 entries is walked forever; one of 255 finishes under the
+// same alarm. The directory matches no agent, so memory holds steady.
+class RestorerDeathTest : public DeathTestBase {};
 
-class RestorerDeathTest : public DeathTestBase {
- protected:
-  // Restores `count` entries into a directory whose name matches no agent,
-  // so that nothing is restored and a restore that never ends holds its
-  // memory steady until the alarm ends the process.
-  static void restoreUnderAlarm(int count) {
+TEST_F(RestorerDeathTest, TheWalkNeverEndsFrom256Entries) {
+  const auto restoreUnderAlarm = [](int count) {
     storeInMemoryIs(storeText(numbered(count)));
     ::alarm(1);
     KronlogRestorer::restorerFactory(
         KronlogRestorer::Config(KronlogWriter::writerDirFactory("nobody")));
-  }
-};
-
-TEST_F(RestorerDeathTest, AStoreOf256EntriesIsWalkedForever) {
+  };
   EXPECT_EXIT(restoreUnderAlarm(256), ::testing::KilledBySignal(SIGALRM), "");
-}
-
-TEST_F(RestorerDeathTest, AStoreOf255EntriesFinishesUnderTheSameAlarm) {
-  EXPECT_EXIT(
-      {
-        restoreUnderAlarm(255);
-        std::exit(0);
-      },
-      ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT((restoreUnderAlarm(255), std::exit(0)), ::testing::ExitedWithCode(0), "");
 }
 
 // ---- Config

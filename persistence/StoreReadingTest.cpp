@@ -1,7 +1,6 @@
-// Tests of reading a store without restoring it: each reason a restore
-// would not bring a store back whole, with its exact byte offset, and that
-// the entries handed back are the ones a restore appends. Also the JSON of
-// one entry as programs receive it.
+// Tests of reading a store without restoring it: each reason a restore would
+// not bring it back whole, at its exact byte offset, with the entries a
+// restore appends; and the JSON of one entry as programs receive it.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -185,13 +184,8 @@ TEST(StoreReadingTest, AMissingFileIsACannotReadProblem) {
 
 // ---- The JSON of one entry for programs: valid JSON, nothing lost
 
-struct EntryCase {
-  std::string text;
-  std::string json;
-};
-
 TEST(EntryJsonTest, ValidUtf8IsAStringAndAnythingElseAnArrayOfBytes) {
-  const EntryCase cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"plain", "\"plain\""},
       {"Gr\xC3\xBC\xC3\x9F \xF0\x9F\x98\x80", "\"Gr\xC3\xBC\xC3\x9F \xF0\x9F\x98\x80\""},
       {std::string("a\0b\n\"", 5), "\"a\\u0000b\\n\\\"\""},
@@ -201,18 +195,15 @@ TEST(EntryJsonTest, ValidUtf8IsAStringAndAnythingElseAnArrayOfBytes) {
       {"\xF4\x90\x80\x80", "[244,144,128,128]"},  // above U+10FFFF
       {"\xE2\x82", "[226,130]"},                  // cut short
   };
-  for (const EntryCase& c : cases) {
-    SCOPED_TRACE(c.json);
-    const auto entry = KronlogReader::logEntryFactory("A", "g", 1.5, c.text);
-    EXPECT_EQ(KronlogStore::entryJson(*entry),
-              "{\"timestamp\":1.5,\"agentName\":\"A\",\"messageGroup\":\"g\",\"message\":" +
-                  c.json + "}");
+  for (const auto& [text, json] : cases) {
+    SCOPED_TRACE(json);
+    const auto entry = KronlogReader::logEntryFactory("A", "g", 1.5, text);
+    EXPECT_EQ(
+        KronlogStore::entryJson(*entry),
+        "{\"timestamp\":1.5,\"agentName\":\"A\",\"messageGroup\":\"g\",\"message\":" + json + "}");
   }
-}
-
-TEST(EntryJsonTest, NamesFollowTheSameRule) {
-  const auto entry = KronlogReader::logEntryFactory("\xFE", "g\xFF", 0.0, "m");
-  EXPECT_EQ(KronlogStore::entryJson(*entry),
+  // Names follow the same rule.
+  EXPECT_EQ(KronlogStore::entryJson(*KronlogReader::logEntryFactory("\xFE", "g\xFF", 0.0, "m")),
             "{\"timestamp\":0.0,\"agentName\":[254],\"messageGroup\":[103,255],\"message\":\"m\"}");
 }
 

@@ -1,10 +1,7 @@
-// Test support for the persistence suites: a private directory per test
-// with the store path pointed into it, a sink that keeps every trace
-// record, and status logs compared row by row.
-//
-// Every test gets a fresh directory and its own KRONLOG_STORE_FILE_PATH,
-// and gets back the environment, the trace levels and the sink it found,
-// so tests cannot see each other's files or traces.
+// Test support for the persistence suites: a private directory per test with
+// the store path pointed into it, every trace record kept, and status logs
+// compared row by row. Each test gets back the environment, trace levels and
+// sink it found, so tests cannot see each other's files or traces.
 #ifndef KRONLOG_TESTING_PERSISTENCETEST_H
 #define KRONLOG_TESTING_PERSISTENCETEST_H
 
@@ -12,21 +9,16 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogStore.h"
-#include "qel/String.h"
 #include "qel/Trace.h"
 #include "testing/StoreFiles.h"
 #include "testing/TempDir.h"
@@ -40,11 +32,7 @@ using KronlogTesting::readFile;
 using KronlogTesting::Seen;
 using KronlogTesting::writeFile;
 
-constexpr std::uint32_t kAllLevels = 0x7;  // the library traces at 0, 1 and 2
-constexpr std::uint32_t kLevel0 = 0x1;
 constexpr char kPathVariable[] = "KRONLOG_STORE_FILE_PATH";
-constexpr char kJsonDoStore[] = "virtual void KronlogStore::JsonStore::doStore()";
-constexpr char kJsonDoRestore[] = "virtual void KronlogStore::JsonStore::doRestore()";
 
 // Puts the store path variable back as it was found.
 class SavedPathVariable {
@@ -60,41 +48,22 @@ class SavedPathVariable {
   std::optional<std::string> saved_;
 };
 
-inline Seen storeTrace(unsigned level, int line, const char* function, const std::string& text) {
-  return {level, "KronlogStore", line, function, text};
-}
-// The path resolution trace that opens every store operation.
-inline Seen pathTrace(const std::string& path) {
-  return storeTrace(1, 33, "getStoreFilePath",
-                    "const char* KronlogStore::getStoreFilePath(Qel::String) KRONLOG "
-                    "storeFilePath=" +
-                        path);
-}
-
-inline std::uint64_t bitsOf(double d) {
-  std::uint64_t b;
-  std::memcpy(&b, &d, sizeof b);
-  return b;
-}
-
-// One status log entry, compared with its timestamp bit for bit (so 0.0
-// and -0.0 differ, and a last-bit change of a restored time shows).
+// One status log entry. Timestamps compare bit for bit, so that 0.0 and
+// -0.0 differ and a last-bit change of a restored time shows.
 struct Row {
-  std::string agentName;
-  std::string messageGroup;
+  std::string agentName, messageGroup;
   double timestamp;
   std::string message;
 
   bool operator==(const Row& o) const {
     return agentName == o.agentName && messageGroup == o.messageGroup &&
-           bitsOf(timestamp) == bitsOf(o.timestamp) && message == o.message;
+           std::memcmp(&timestamp, &o.timestamp, sizeof timestamp) == 0 && message == o.message;
+  }
+  friend std::ostream& operator<<(std::ostream& os, const Row& r) {
+    return os << "{" << r.agentName << ", " << r.messageGroup << ", " << std::hexfloat
+              << r.timestamp << std::defaultfloat << ", \"" << r.message << "\"}";
   }
 };
-
-inline std::ostream& operator<<(std::ostream& os, const Row& r) {
-  return os << "{" << r.agentName << ", " << r.messageGroup << ", " << std::hexfloat << r.timestamp
-            << std::defaultfloat << ", \"" << r.message << "\"}";
-}
 
 inline KronlogReader::Status::Ptr statusOf(const std::vector<Row>& rows) {
   KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
@@ -108,7 +77,7 @@ inline KronlogReader::Status::Ptr statusOf(const std::vector<Row>& rows) {
 // The entries of a status log, head to tail.
 inline std::vector<Row> statusRows(const KronlogReader::Status& status) {
   std::vector<Row> rows;
-  for (KronlogReader::Status::LogIteratorConst it = status.logIterConst(); it; ++it) {
+  for (auto it = status.logIterConst(); it; ++it) {
     const KronlogReader::LogEntry::Ptr& e = it->value();
     rows.push_back({e->agentName().stdString(), e->messageGroup().stdString(), e->timestamp(),
                     e->message().stdString()});
@@ -116,23 +85,21 @@ inline std::vector<Row> statusRows(const KronlogReader::Status& status) {
   return rows;
 }
 
-// A fresh directory with the store path pointing at "store" in it, and
-// trace capture at every level.
+// A fresh directory with the store path pointing at "store" in it, and trace
+// capture at every level the library uses (0, 1 and 2).
 class PersistenceTest : public ::testing::Test {
  protected:
   void SetUp() override {
     storePath_ = dir_.pathIn("store");
     storePathIs(storePath_);
-    traceLevels(kAllLevels);
+    traceLevels(0x7);
   }
 
   void traceLevels(std::uint32_t mask) { Qel::traceLevelsIs("Kronlog", mask); }
   void storePathIs(const std::string& path) { ::setenv(kPathVariable, path.c_str(), 1); }
-
   const std::string& dir() const { return dir_.path(); }
   const std::string& storePath() const { return storePath_; }
   std::string pathIn(const std::string& name) const { return dir_.pathIn(name); }
-
   void writeStoreFile(const std::string& bytes) { writeFile(storePath_, bytes); }
   std::string readStoreFile() const { return readFile(storePath_); }
 
@@ -147,13 +114,12 @@ class PersistenceTest : public ::testing::Test {
   }
 
   const std::vector<Seen>& traces() const { return sink_.records; }
-  std::vector<Seen> tracesWhere(const std::function<bool(const Seen&)>& wanted) const {
-    std::vector<Seen> out;
-    std::copy_if(traces().begin(), traces().end(), std::back_inserter(out), wanted);
-    return out;
-  }
   std::vector<Seen> tracesOf(const std::string& file) const {
-    return tracesWhere([&](const Seen& s) { return s.file == file; });
+    std::vector<Seen> out;
+    for (const Seen& s : traces()) {
+      if (s.file == file) out.push_back(s);
+    }
+    return out;
   }
   void clearTraces() { sink_.records.clear(); }
 
@@ -164,9 +130,8 @@ class PersistenceTest : public ::testing::Test {
   KronlogTesting::CapturingSink sink_;
 };
 
-// For tests whose process is meant to die (each runs in a freshly started
-// copy of the test program): the store file lives in anonymous memory, so
-// a process that ends in an assertion leaves nothing on disk.
+// For tests whose process is meant to die, each in a fresh copy of the test
+// program: the store lives in anonymous memory, so nothing is left on disk.
 class DeathTestBase : public ::testing::Test {
  protected:
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
