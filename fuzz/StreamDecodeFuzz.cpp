@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       new Qel::Connection(loop(), fds[1], Qel::Connection::Role::mounting, "fuzz[1]", "me");
   if (data[0] & 1) {
     Qel::NboAttrLog::Out hello;
-    Qel::NboAttrLog::handshakeWrite(hello, "srv");
+    Qel::NboAttrLog::handshakeWrite(hello, 1, "srv");
     c->bytesReceived(hello.data(), hello.size());
   }
   std::size_t chunk = data[1] == 0 ? size : data[1];

@@ -52,7 +52,7 @@ Connection::Connection(EventLoop* loop, int fd, Role role, String peerName, Stri
   if (flags >= 0) fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
   fcntl(fd_, F_SETFD, FD_CLOEXEC);
   lastIn_ = EventLoop::monotonicNow();
-  NboAttrLog::handshakeWrite(*out_, localName);
+  NboAttrLog::handshakeWrite(*out_, NboAttrLog::processIncarnation(), localName);
   interest_ = EventLoop::kReadable | EventLoop::kWritable;
   loop_->fdIs(fd_, interest_, [this](std::uint32_t events) { onReady(events); });
 }
@@ -396,6 +396,7 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
     }
     NboAttrLog::Handshake hs = NboAttrLog::handshakeRead(in);
     advertisedName_ = hs.peerName;
+    peerIncarnation_ = hs.incarnation;
     handshook_ = true;
     QEL_STREAM_TRACE(1, kFile, 330, "dispatch",
                      << "handshake peer: " << peerName_ << " name: " << advertisedName_);

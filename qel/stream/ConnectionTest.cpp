@@ -191,7 +191,9 @@ const Malformed kMalformed[] = {
      "transaction closed without open"},
     {"SecondSnapshotEnd", RecordKind::snapshotEnd, 0, 0, "", 4, "second end of snapshot"},
     {"SecondHandshake", RecordKind::handshake, 0, 0,
-     u32Bytes(0x51454C53) + std::string("\0\1", 2) + stringBytes("again"), 4, "second handshake"},
+     u32Bytes(0x51454C53) + std::string("\0\2", 2) + u32Bytes(0) + u32Bytes(1) +
+         stringBytes("again"),
+     4, "second handshake"},
     {"TrailingBytesAfterAValue", RecordKind::attrUpdate, 261, kVolts, u32Bytes(5) + "zz", 16,
      "2 trailing bytes after the last field"},
 };

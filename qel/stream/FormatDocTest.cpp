@@ -54,11 +54,12 @@ class FormatDocTest : public ::testing::Test {
 
 TEST_F(FormatDocTest, ExampleStreamDecodesToTheDocumentedCopy) {
   std::string bytes = documentedStream();
-  ASSERT_EQ(bytes.size(), 28u + 41u + 12u + 46u + 21u + 12u + 16u + 18u + 12u);
+  ASSERT_EQ(bytes.size(), 36u + 41u + 12u + 46u + 21u + 12u + 16u + 18u + 12u);
   Qel::Connection::Ptr c = mounted(bytes);
   ASSERT_TRUE(c->open()) << c->reason();
   EXPECT_TRUE(c->snapshotEnded());
   EXPECT_EQ(c->advertisedName(), "srv[7]");
+  EXPECT_EQ(c->peerIncarnation(), 42u);
   EXPECT_EQ(c->recordsIn(), 9u);
   auto* board = static_cast<Board*>(c->adapter(1)->entity());
   EXPECT_EQ(board->name(), "b");

@@ -92,6 +92,7 @@ void Mount::snapshotEnded() {
   }
   // The switch: the fresh copy replaces the old one whole.
   root_ = root->entity();
+  incarnation_ = connection_->peerIncarnation();
   synced_ = true;
   stale_ = false;
   ++syncs_;

@@ -1,5 +1,9 @@
 #include "qel/stream/Record.h"
 
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <string>
 
 namespace Qel {
@@ -64,14 +68,35 @@ std::size_t frameAt(const char* data, std::size_t size, std::uint64_t base, Fram
   return kLengthBytes + length;
 }
 
-void handshakeWrite(Out& out, const String& peerName) {
+void handshakeWrite(Out& out, std::uint64_t incarnation, const String& peerName) {
   out.frameBegin(static_cast<std::uint8_t>(RecordKind::handshake), 0, kNoEntity);
   out.u32(kMagic);
   out.u16(kVersion);
+  out.u64(incarnation);
   String name =
       peerName.size() > kMaxPeerNameBytes ? String(peerName.data(), kMaxPeerNameBytes) : peerName;
   out.string(name);
   out.frameEnd();
+}
+
+std::uint64_t processIncarnation() {
+  // Kept with the pid it was drawn in: a forked child is a new process to
+  // its peers and draws its own.
+  static pid_t drawnIn = 0;
+  static std::uint64_t incarnation = 0;
+  const pid_t pid = ::getpid();
+  if (pid == drawnIn) return incarnation;
+  std::uint64_t n = 0;
+  if (::getrandom(&n, sizeof n, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof n)) {
+    // No entropy yet (early boot): the clock and the pid still differ
+    // between two runs of the same program.
+    n = static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()) *
+            0x9E3779B97F4A7C15ull ^
+        static_cast<std::uint64_t>(pid);
+  }
+  incarnation = n == 0 ? 1 : n;
+  drawnIn = pid;
+  return incarnation;
 }
 
 Handshake handshakeRead(In& in) {
@@ -88,6 +113,9 @@ Handshake handshakeRead(In& in) {
                           String("unsupported protocol version " + std::to_string(h.version) +
                                  " (expected " + std::to_string(kVersion) + ")"));
   }
+  std::uint64_t incarnationAt = in.offset();
+  h.incarnation = in.u64();
+  if (h.incarnation == 0) throw FormatException(incarnationAt, String("incarnation 0"));
   std::uint64_t nameAt = in.offset();
   h.peerName = in.string();
   if (h.peerName.size() > kMaxPeerNameBytes) {

@@ -3,6 +3,8 @@
 #include "qel/stream/Record.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -56,19 +58,39 @@ TEST_F(RecordTest, EveryPrefixOfAFrameWaitsForMore) {
 
 TEST_F(RecordTest, HandshakeRoundTrips) {
   Qel::NboAttrLog::Out out;
-  Qel::NboAttrLog::handshakeWrite(out, "agent[12]");
+  Qel::NboAttrLog::handshakeWrite(out, 0x0102030405060708u, "agent[12]");
   std::string f(out.data(), out.size());
   ASSERT_EQ(scan(f), std::to_string(f.size()));
   EXPECT_EQ(h_.kind, RecordKind::handshake);
   In in(f.data() + 12, h_.payloadBytes());
   Qel::NboAttrLog::Handshake hs = Qel::NboAttrLog::handshakeRead(in);
   EXPECT_EQ(hs.version, Qel::NboAttrLog::kVersion);
+  EXPECT_EQ(hs.incarnation, 0x0102030405060708u);
   EXPECT_EQ(hs.peerName, "agent[12]");
+}
+
+TEST_F(RecordTest, IncarnationIsStableInAProcessAndNewInAForkedChild) {
+  const std::uint64_t mine = Qel::NboAttrLog::processIncarnation();
+  EXPECT_NE(mine, 0u);
+  EXPECT_EQ(Qel::NboAttrLog::processIncarnation(), mine);
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  if (::fork() == 0) {
+    const std::uint64_t child = Qel::NboAttrLog::processIncarnation();
+    ::_exit(::write(fds[1], &child, sizeof child) == sizeof child ? 0 : 1);
+  }
+  std::uint64_t child = 0;
+  ASSERT_EQ(::read(fds[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
+  ::wait(nullptr);
+  ::close(fds[0]);
+  ::close(fds[1]);
+  EXPECT_NE(child, mine);
+  EXPECT_NE(child, 0u);
 }
 
 TEST_F(RecordTest, OverlongPeerNameIsCutWhenWritten) {
   Qel::NboAttrLog::Out out;
-  Qel::NboAttrLog::handshakeWrite(out, Qel::String(std::string(300, 'n')));
+  Qel::NboAttrLog::handshakeWrite(out, 1, Qel::String(std::string(300, 'n')));
   In in(out.data() + 12, out.size() - 12);
   EXPECT_EQ(Qel::NboAttrLog::handshakeRead(in).peerName.size(), 256u);
 }
@@ -97,18 +119,21 @@ TEST_F(RecordTest, BadHeaderIsRefusedAsSoonAsItsBytesAreIn) {
 }
 
 TEST_F(RecordTest, BadHandshakeIsRefused) {
-  const std::string v1 = std::string("\x00\x01", 2);
+  const std::string v2 = std::string("\x00\x02", 2);
   const std::string magic = u32Bytes(0x51454C53);
+  const std::string one = u32Bytes(0) + u32Bytes(1);  // incarnation 1
   const struct {
     std::string payload;
     const char* failure;
   } kCases[] = {
-      {u32Bytes(0x51454C54) + v1 + stringBytes("x"), "offset 0: bad magic 1363496020"},
-      {magic + std::string("\x00\x02", 2) + stringBytes("x"),
-       "offset 4: unsupported protocol version 2 (expected 1)"},
-      {magic + v1 + stringBytes(std::string(257, 'n')),
-       "offset 6: peer name of 257 bytes exceeds 256"},
-      {magic + v1 + stringBytes("x") + "!", "offset 11: 1 trailing bytes after the last field"},
+      {u32Bytes(0x51454C54) + v2 + one + stringBytes("x"), "offset 0: bad magic 1363496020"},
+      {magic + std::string("\x00\x01", 2) + one + stringBytes("x"),
+       "offset 4: unsupported protocol version 1 (expected 2)"},
+      {magic + v2 + u32Bytes(0) + u32Bytes(0) + stringBytes("x"), "offset 6: incarnation 0"},
+      {magic + v2 + one + stringBytes(std::string(257, 'n')),
+       "offset 14: peer name of 257 bytes exceeds 256"},
+      {magic + v2 + one + stringBytes("x") + "!",
+       "offset 19: 1 trailing bytes after the last field"},
   };
   for (const auto& c : kCases) EXPECT_EQ(handshakeFailure(c.payload), c.failure);
 }

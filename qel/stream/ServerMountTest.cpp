@@ -148,6 +148,9 @@ TEST_F(ServerMountTest, RestartedServerIsRemountedIntoAFreshCopyAndTheStaleOneSt
   server_ = serve(restarted);
   ASSERT_TRUE(runUntil([&] { return mount_->synced(); }));
   EXPECT_EQ(mount_->syncs(), 2u);
+  // Served from this same process: the same incarnation, so a follower
+  // would continue rather than start over.
+  EXPECT_EQ(mount_->incarnation(), Qel::NboAttrLog::processIncarnation());
   EXPECT_NE(root(), old.ptr());
   EXPECT_EQ(root()->gauge("amps")->value(), 4u);
   EXPECT_EQ(root()->gauge("volts"), nullptr);

@@ -70,6 +70,9 @@ class QEL_EXPORT Connection : public PtrInterface {
   // The name the peer gave in its handshake (informational only: traces use
   // peerName(), which comes from the kernel's credentials).
   const String& advertisedName() const noexcept { return advertisedName_; }
+  // The peer process's incarnation from its handshake (0 before it): a
+  // different value on a reconnect means the peer process was restarted.
+  std::uint64_t peerIncarnation() const noexcept { return peerIncarnation_; }
   bool open() const noexcept { return fd_ >= 0; }
   bool handshook() const noexcept { return handshook_; }
   bool snapshotEnded() const noexcept { return snapshotEnded_; }
@@ -144,6 +147,7 @@ class QEL_EXPORT Connection : public PtrInterface {
   Role role_;
   String peerName_;
   String advertisedName_;
+  std::uint64_t peerIncarnation_ = 0;
   String reason_;
   bool handshook_ = false;
   bool snapshotEnded_ = false;

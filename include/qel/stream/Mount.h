@@ -52,6 +52,10 @@ class QEL_EXPORT Mount : public PtrInterface {
   bool stale() const noexcept { return stale_; }
   // Snapshots completed so far (1 after the first sync, 2 after a resync...).
   unsigned syncs() const noexcept { return syncs_; }
+  // The serving process's incarnation when root() was synced (0 before):
+  // a change between syncs means the server was restarted, so its state
+  // (indices, counts) started over rather than continued.
+  std::uint64_t incarnation() const noexcept { return incarnation_; }
   // The live connection, or null between attempts.
   Connection* connection() const noexcept { return connection_.ptr(); }
 
@@ -81,6 +85,7 @@ class QEL_EXPORT Mount : public PtrInterface {
   bool synced_ = false;
   bool stale_ = false;
   unsigned syncs_ = 0;
+  std::uint64_t incarnation_ = 0;
   Seconds minDelay_ = 0.05;
   Seconds maxDelay_ = 5;
   Seconds delay_ = 0.05;

@@ -37,7 +37,7 @@ constexpr std::size_t kLengthBytes = 4;
 constexpr std::uint32_t kMagic = 0x51454C53;
 // Raised when a change makes old peers misread new records; a receiver
 // accepts exactly its own version (see docs/stream-format.md).
-constexpr std::uint16_t kVersion = 1;
+constexpr std::uint16_t kVersion = 2;
 constexpr std::size_t kMaxPeerNameBytes = 256;
 
 // Invariant: a header always fits in a frame, with room to spare.
@@ -66,14 +66,22 @@ QEL_EXPORT std::size_t frameAt(const char* data, std::size_t size, std::uint64_t
 
 struct Handshake {
   std::uint16_t version = 0;
+  // Chosen afresh each time the sending process starts (never 0), so that
+  // a peer can tell a reconnect to the same process from one to its
+  // successor, whose indices start over.
+  std::uint64_t incarnation = 0;
   String peerName;
 };
 
 // Writes a whole handshake frame.
-QEL_EXPORT void handshakeWrite(Out& out, const String& peerName);
+QEL_EXPORT void handshakeWrite(Out& out, std::uint64_t incarnation, const String& peerName);
 // Reads a handshake payload; FormatException for a wrong magic, another
-// version, an overlong name or trailing bytes.
+// version, a zero incarnation, an overlong name or trailing bytes.
 QEL_EXPORT Handshake handshakeRead(In& in);
+
+// This process's incarnation: random, nonzero, the same for every
+// connection it opens, and new in a forked child.
+QEL_EXPORT std::uint64_t processIncarnation();
 
 }  // namespace NboAttrLog
 }  // namespace Qel
