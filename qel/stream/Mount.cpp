@@ -1,5 +1,6 @@
 #include "qel/stream/Mount.h"
 
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -34,6 +35,10 @@ Mount::Mount(EventLoop* loop, const String& path) : loop_(loop), path_(path) {
 
 Mount::~Mount() {
   if (timer_) loop_->timerDel(timer_);
+  if (watchFd_ >= 0) {
+    loop_->fdDel(watchFd_);
+    ::close(watchFd_);
+  }
   if (reactor_) reactor_->notifierIs(nullptr);
   if (connection_) connection_->close(String("mount released"));
 }
@@ -61,6 +66,7 @@ void Mount::attempt() {
     QEL_STREAM_TRACE(1, kFile, 68, "attempt",
                      << "connect path: " << path_ << " failed: " << std::strerror(errno));
     if (fd >= 0) ::close(fd);
+    watchStart();
     retryLater();
     return;
   }
@@ -72,6 +78,44 @@ void Mount::attempt() {
   reactor_->mount = this;
   reactor_->notifierIs(connection_);
   QEL_STREAM_TRACE(1, kFile, 80, "attempt", << "connected path: " << path_ << " peer: " << name);
+}
+
+void Mount::watchStart() {
+  if (watchFd_ >= 0) return;
+  const std::string path = path_.stdString();
+  const std::string::size_type slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "."
+                          : slash == 0               ? "/"
+                                                     : path.substr(0, slash);
+  watchName_ = slash == std::string::npos ? path : path.substr(slash + 1);
+  watchFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (watchFd_ < 0) return;
+  // A missing directory (or no inotify) leaves the timer alone to retry.
+  if (::inotify_add_watch(watchFd_, dir.c_str(), IN_CREATE | IN_MOVED_TO | IN_ATTRIB) < 0) {
+    ::close(watchFd_);
+    watchFd_ = -1;
+    return;
+  }
+  loop_->fdIs(watchFd_, EventLoop::kReadable, [this](std::uint32_t) { watchRead(); });
+}
+
+void Mount::watchRead() {
+  alignas(inotify_event) char buf[4096];
+  bool ours = false;
+  for (ssize_t n; (n = ::read(watchFd_, buf, sizeof buf)) > 0;) {
+    for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
+      const auto* e = reinterpret_cast<const inotify_event*>(buf + at);
+      if (e->len > 0 && watchName_ == e->name) ours = true;
+      at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+    }
+  }
+  // The socket appeared (or changed): try now rather than at the end of
+  // the backoff, so a mount started before its server connects as soon as
+  // the server listens.
+  if (!ours || connection_ || !timer_) return;
+  loop_->timerDel(timer_);
+  timer_ = 0;
+  attempt();
 }
 
 void Mount::retryLater() {

@@ -68,20 +68,37 @@ StreamServer::StreamServer(EventLoop* loop, const String& path, RootAdapterFacto
   }
   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd_ < 0) refuse(path, std::string("socket: ") + std::strerror(errno));
+  // The socket is bound and listening under a private name first, then
+  // linked into place: a mount watching the directory that sees the path
+  // appear can connect at once, never between bind and listen. link()
+  // refuses an existing path, so a server that got there first is never
+  // replaced. A path too long for the private name is bound directly.
+  const std::string staged = path.stdString() + "." + std::to_string(::getpid()) + "~";
+  const bool stage = staged.size() < sizeof addr.sun_path;
+  const std::string bound = stage ? staged : path.stdString();
+  if (stage) ::unlink(bound.c_str());  // left by a process of our pid that died
+  sockaddr_un bindAddr = addressOf(String(bound));
   // bind creates the file with the umask applied; a strict umask for the
   // duration gives 0600 from the start, with no window in which the
   // socket is open wider. Single-threaded by design, so the process-wide
   // umask is safe to borrow.
   mode_t saved = ::umask(0177);
-  int rc = ::bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
-  int bindErrno = errno;
+  int rc = ::bind(fd_, reinterpret_cast<const sockaddr*>(&bindAddr), sizeof bindAddr);
+  int err = errno;
   ::umask(saved);
-  if (rc != 0 || ::chmod(path.c_str(), 0600) != 0 || ::listen(fd_, 64) != 0) {
-    int err = rc != 0 ? bindErrno : errno;
+  if (rc == 0) {
+    err = 0;
+    if (::chmod(bound.c_str(), 0600) != 0 || ::listen(fd_, 64) != 0 ||
+        (stage && ::link(bound.c_str(), path.c_str()) != 0)) {
+      err = errno;
+    }
+    // The private name goes either way; the path only if it failed.
+    if (stage || err != 0) ::unlink(bound.c_str());
+  }
+  if (err != 0) {
     ::close(fd_);
-    if (rc == 0) ::unlink(path.c_str());
     fd_ = -1;
-    refuse(path, std::strerror(err));
+    refuse(path, err == EEXIST ? std::string("another process is serving it") : std::strerror(err));
   }
   if (::stat(path.c_str(), &st) == 0) inode_ = st.st_ino;
   loop_->fdIs(fd_, EventLoop::kReadable, [this](std::uint32_t) { acceptAll(); });

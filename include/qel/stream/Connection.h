@@ -88,6 +88,12 @@ class QEL_EXPORT Connection : public PtrInterface {
     return role_ == Role::serving && fd_ >= 0 && handshook_ && out_->size() < capacity_;
   }
   std::size_t flowOutQueued() const noexcept { return flowOut_.size(); }
+  // Serving: everything the peer is owed (the snapshot and every change
+  // since) has been handed to the socket; nothing is buffered or dirty.
+  bool drained() const noexcept {
+    return role_ == Role::serving && handshook_ && !snapshotPending_ && flowOut_.empty() &&
+           out_->size() == 0;
+  }
 
   // ---- Entities
   // Serving end: registers `adapter` under a new identifier, sends its

@@ -8,10 +8,13 @@
 // builds the new snapshot into a fresh copy and switches root() to it only
 // at its end-of-snapshot record, so a reader never sees a copy that is
 // half old and half new; the old copy stays as it was for whoever holds it.
+// While the path cannot be connected to, the mount also watches its
+// directory and tries again as soon as the socket file appears there.
 #ifndef QEL_STREAM_MOUNT_H
 #define QEL_STREAM_MOUNT_H
 
 #include <memory>
+#include <string>
 
 #include "qel/Entity.h"
 #include "qel/Export.h"
@@ -74,6 +77,8 @@ class QEL_EXPORT Mount : public PtrInterface {
   struct Reactor;
   void attempt();
   void retryLater();
+  void watchStart();
+  void watchRead();
   void snapshotEnded();
   void closed();
 
@@ -91,6 +96,9 @@ class QEL_EXPORT Mount : public PtrInterface {
   Seconds delay_ = 0.05;
   Seconds peerTimeout_ = 0;
   EventLoop::TimerId timer_ = 0;
+  // While the server is away: an inotify watch on the socket's directory.
+  int watchFd_ = -1;
+  std::string watchName_;
   NotifieeListBase notifiees_;
 };
 
