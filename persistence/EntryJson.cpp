@@ -69,4 +69,11 @@ std::string entryJson(const KronlogReader::LogEntry& entry) {
   return std::string(buffer.GetString(), buffer.GetSize());
 }
 
+std::string textJson(const Qel::String& text) {
+  Json::Buffer buffer;
+  Json::Writer writer(buffer);
+  writeText(writer, text, TextForm::lossless);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
 }  // namespace KronlogStore

@@ -446,12 +446,14 @@ void WriterFollower::writerIs(const Writer::Ptr& copy) {
   if (!copy) return;
   if (!started_) {
     started_ = true;
-    overflowSeen_ = copy->overflowCount();
+    overflowSeen_ = fromBeginning_ ? 0 : copy->overflowCount();
     next_ = copy->logQueue().head() ? copy->logQueue().head()->index()
                                     : copy->logMetadata().nextIndex();
-  } else {
-    onOverflowCount();
+    // From the beginning: what the writer held before its first entry here
+    // is gone (indices from 0), and what it refused is counted below.
+    if (fromBeginning_ && next_ != 0) onLoss(Loss{LossReason::slow, next_, 0, next_ - 1});
   }
+  onOverflowCount();
   for (const WriterLogMember& m : copy->logQueue()) onLog(m.index());
 }
 

@@ -89,6 +89,8 @@ KRONLOG_EXPORT std::string storeFilePath();
 // of its byte values, [98,255,...], so the output is always valid JSON and
 // loses nothing.
 KRONLOG_EXPORT std::string entryJson(const KronlogReader::LogEntry& entry);
+// One text as entryJson writes it: a JSON string, or an array of bytes.
+KRONLOG_EXPORT std::string textJson(const Qel::String& text);
 
 // Never null: a failed allocation throws std::bad_alloc.
 KRONLOG_EXPORT Store::Ptr storeFactory(Qel::Ptr<KronlogReader::Status> const& events);

@@ -18,7 +18,9 @@
 #ifndef KRONLOG_KRONLOGWRITERSTREAMING_H
 #define KRONLOG_KRONLOGWRITERSTREAMING_H
 
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -200,10 +202,17 @@ class KRONLOG_EXPORT WriterFollower : public Writer::Notifiee {
     unsigned int toIndex;    // slow only: last index not received
   };
 
-  WriterFollower() = default;
+  // Where following starts. `now`: with the entries the copy holds at the
+  // first writerIs(); what the writer lost before is not counted.
+  // `beginning`: with the writer's first event, as if followed since it was
+  // created: indices below the copy's first entry are a `slow` loss and
+  // refusals so far an `overflow` loss, so that entries plus losses count
+  // every event the writer was given.
+  enum class Start { now, beginning };
+
+  explicit WriterFollower(Start start = Start::now) : fromBeginning_(start == Start::beginning) {}
   // Follows `copy` (null stops). The first call starts: entries the copy
-  // holds now are handed over at once, and losses before that point are not
-  // counted. A later call continues where the follower stands, as after a
+  // holds now are handed over at once. A later call continues where the follower stands, as after a
   // mount's resync swapped in a fresh copy of the same writer: entries
   // below nextIndex() are not handed over again, a gap up to the copy's
   // entries is a `slow` loss, and refusals since are counted.
@@ -220,9 +229,56 @@ class KRONLOG_EXPORT WriterFollower : public Writer::Notifiee {
 
  private:
   bool refusing() const;
+  bool fromBeginning_;
   bool started_ = false;
   unsigned int next_ = 0;
   unsigned int overflowSeen_ = 0;
+};
+
+// Follows every writer of a mounted writer directory, through reconnects:
+// each writer's entries are handed over once, in index order, with its
+// losses (see WriterFollower). Writers added to the directory are followed
+// from their first entry; removed ones are let go. When the mount resyncs
+// to the same agent process (the same incarnation), every writer continues
+// where it stood, so nothing is handed over twice and a gap while the
+// connection was down is a `slow` loss. When the agent was restarted (a new
+// incarnation), its indices started over: following starts over on the new
+// copy, and onRestart() says that what the old process recorded after the
+// connection dropped is unknown.
+class KRONLOG_EXPORT WriterDirFollower : public Qel::Mount::Notifiee, public WriterDir::Notifiee {
+ public:
+  // Follows `mount`'s copy from its next sync on (at once if it has one).
+  // The mount must outlive this follower or be released first.
+  // Each writer is followed from `start` (see WriterFollower), also after
+  // the agent was restarted.
+  explicit WriterDirFollower(const WriterDirMount::Ptr& mount,
+                             WriterFollower::Start start = WriterFollower::Start::now);
+  ~WriterDirFollower() override;
+  WriterDirFollower(const WriterDirFollower&) = delete;
+  WriterDirFollower& operator=(const WriterDirFollower&) = delete;
+
+  // The directory's name (the agent), once synced; empty before.
+  const Qel::Name& agent() const noexcept { return agent_; }
+  std::size_t writersFollowed() const noexcept { return followers_.size(); }
+
+  virtual void onEntry(const Qel::Name& writer, unsigned int index, const LogEntry& entry) = 0;
+  virtual void onLoss(const Qel::Name& writer, const WriterFollower::Loss& loss) = 0;
+  // The agent process was restarted since the last sync.
+  virtual void onRestart() {}
+
+  void onSynced() override;
+  using WriterDir::Notifiee::onWriter;
+  void onWriter(const Qel::Name& name) override;
+
+ private:
+  class One;
+  void follow(const Qel::Name& name, const Writer::Ptr& writer);
+
+  WriterDirMount::Ptr mount_;
+  WriterFollower::Start start_;
+  Qel::Name agent_;
+  std::uint64_t incarnation_ = 0;
+  std::map<std::string, std::unique_ptr<One>> followers_;
 };
 
 }  // namespace KronlogWriter
