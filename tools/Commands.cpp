@@ -80,17 +80,6 @@ void reportProblem(const char* command, const LoadedStore& store,
   dataError(command, displayName(store) + ", byte " + std::to_string(p.offset) + ": " + p.text);
 }
 
-bool parseLines(const std::string& text, long long* out) {
-  if (text.empty() || text.size() > 18) return false;
-  long long v = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    v = v * 10 + (c - '0');
-  }
-  *out = v;
-  return true;
-}
-
 bool colourWanted(const Options& options) {
   const char* noColour = std::getenv("NO_COLOR");
   return ::isatty(1) && !options.has("no-color") && !(noColour && *noColour) &&
@@ -136,7 +125,7 @@ int showCommand(const Args& args) {
     }
   }
   long long lines = -1;
-  if (options.has("lines") && !parseLines(options.value("lines"), &lines)) {
+  if (options.has("lines") && !parseCount(options.value("lines"), &lines)) {
     return usageError("show", "bad --lines '" + options.value("lines") +
                                   "': expected a number of events, 0 or more");
   }

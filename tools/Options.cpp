@@ -101,4 +101,15 @@ bool Options::parse(const std::vector<std::string>& args) {
   return true;
 }
 
+bool parseCount(const std::string& text, long long* out) {
+  if (text.empty() || text.size() > 18) return false;
+  long long v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  *out = v;
+  return true;
+}
+
 }  // namespace KronlogTool

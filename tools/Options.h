@@ -47,6 +47,10 @@ class Options {
 // other log viewers have and this tool spells otherwise; empty if nothing.
 std::string optionHint(const std::string& option);
 
+// A count given on the command line: decimal digits only, at most 18 of
+// them (so no sign, no space, no overflow). False for anything else.
+bool parseCount(const std::string& text, long long* out);
+
 }  // namespace KronlogTool
 
 #endif  // KRONLOG_TOOLS_OPTIONS_H

@@ -12,6 +12,8 @@ inline constexpr char kUsage[] =
     "  show    print the merged history of store files, filtered\n"
     "  check   tell whether a store file restores completely, and why not\n"
     "  demo    run the whole system once, end to end\n"
+    "  emit    record each line of standard input as an event, served live\n"
+    "  follow  print agents' events live from their sockets, with every loss\n"
     "  help    describe a command: kronlog help show\n"
     "\n"
     "'kronlog <command> --help' describes a command; 'kronlog --version' the version.\n"
@@ -70,6 +72,43 @@ inline constexpr char kDemoUsage[] =
     "records events (some overflow), reads them merged and saves the store;\n"
     "a second process restores one agent's history; then the store is shown.\n"
     "  --store PATH         where the store file goes (default: ./kronlog-demo-store)\n";
+
+inline constexpr char kEmitUsage[] =
+    "usage: kronlog emit --agent NAME --group GROUP [options]\n"
+    "\n"
+    "A stand-in agent: records each line of standard input as one event of\n"
+    "writer GROUP in writer directory NAME, and serves the directory on a\n"
+    "socket while it runs. At the end of input it waits (at most 10 s) until\n"
+    "every connected follower has received everything, then exits.\n"
+    "  --agent NAME         the writer directory (the agent's name)\n"
+    "  --group GROUP        the writer (the message group)\n"
+    "  --socket PATH        where to serve (default: $XDG_RUNTIME_DIR/kronlog/NAME.sock,\n"
+    "                       else /run/kronlog/NAME.sock)\n"
+    "  --size N             the writer keeps N events (default 10)\n"
+    "  --keep first|last    when full: refuse new events, or evict the oldest (default)\n"
+    "A line longer than 65536 bytes is cut to that length.\n"
+    "Exit status: 0 ok; 1 the socket cannot be served or the input cannot be read;\n"
+    "2 usage error.\n";
+
+inline constexpr char kFollowUsage[] =
+    "usage: kronlog follow --socket PATH [options]\n"
+    "\n"
+    "Prints the events agents hold now, then new ones as they are recorded,\n"
+    "merged by timestamp across sockets, with a line for every event lost:\n"
+    "evicted before it was received (slow), or refused by a full writer\n"
+    "(overflow). Reconnects when an agent goes away, without printing an event\n"
+    "twice. SIGINT or SIGTERM ends it (exit 0).\n"
+    "  --socket PATH        an agent's socket; repeat to follow several\n"
+    "  --agent RE           keep agents whose whole name matches RE (ECMAScript);\n"
+    "                       repeat: any of them matches\n"
+    "  --group RE           the same for message groups\n"
+    "  -n, --lines N        of the events held at the start, only the last N\n"
+    "  -o, --output FMT     short (default), json (one array, closed at the end),\n"
+    "                       jsonl (one object per line); events carry their index,\n"
+    "                       losses are {agentName, messageGroup, lost, reason,\n"
+    "                       fromIndex, toIndex}\n"
+    "  --exit-on-close      exit once every socket has closed, instead of reconnecting\n"
+    "Exit status: 0 ok; 1 output that cannot be written; 2 usage error.\n";
 
 }  // namespace KronlogTool
 

@@ -7,11 +7,11 @@ _kronlog() {
   prev=${COMP_WORDS[COMP_CWORD-1]}
   command=${COMP_WORDS[1]}
   if [ "$COMP_CWORD" -eq 1 ]; then
-    COMPREPLY=($(compgen -W "show check demo help --help --version" -- "$cur"))
+    COMPREPLY=($(compgen -W "show check demo emit follow help --help --version" -- "$cur"))
     return
   fi
   case $prev in
-    --store)
+    --store|--socket)
       COMPREPLY=($(compgen -f -- "$cur"))
       return ;;
     -o|--output)
@@ -23,7 +23,10 @@ _kronlog() {
     --since|--until)
       COMPREPLY=($(compgen -W "now today yesterday -15m -1h -1d" -- "$cur"))
       return ;;
-    --agent|--group|-g|--grep|-n|--lines)
+    --keep)
+      COMPREPLY=($(compgen -W "first last" -- "$cur"))
+      return ;;
+    --agent|--group|-g|--grep|-n|--lines|--size)
       return ;;
   esac
   local options
@@ -33,8 +36,12 @@ _kronlog() {
                -r --reverse -o --output --fields --localtime --no-color --no-pager --help" ;;
     check|demo)
       options="--store --help" ;;
+    emit)
+      options="--agent --group --socket --size --keep --help" ;;
+    follow)
+      options="--socket --agent --group -n --lines -o --output --exit-on-close --help" ;;
     help)
-      options="show check demo" ;;
+      options="show check demo emit follow" ;;
   esac
   COMPREPLY=($(compgen -W "$options" -- "$cur"))
 }

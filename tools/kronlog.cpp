@@ -1,8 +1,12 @@
-// kronlog: answers "what happened, in order" from store files.
+// kronlog: answers "what happened, in order" from store files and, live,
+// from agents' sockets.
 //
 //   kronlog show  [--store PATH]... [filters] [--output short|cat|json|jsonl] ...
 //   kronlog check [--store PATH]
 //   kronlog demo  [--store PATH]
+//   kronlog emit  --agent NAME --group GROUP [--socket PATH] [--size N] [--keep first|last]
+//   kronlog follow --socket PATH... [--agent RE] [--group RE] [-n N] [-o short|json|jsonl]
+//                  [--exit-on-close]
 //   kronlog help [COMMAND]
 //
 // Exit status: 0 ok, 1 data error (a store missing, unreadable or not
@@ -27,10 +31,12 @@ int help(const std::vector<std::string>& args) {
     return KronlogTool::kExitOk;
   }
   const std::string& topic = args.front();
-  const char* text = topic == "show"    ? KronlogTool::kShowUsage
-                     : topic == "check" ? KronlogTool::kCheckUsage
-                     : topic == "demo"  ? KronlogTool::kDemoUsage
-                                        : nullptr;
+  const char* text = topic == "show"     ? KronlogTool::kShowUsage
+                     : topic == "check"  ? KronlogTool::kCheckUsage
+                     : topic == "demo"   ? KronlogTool::kDemoUsage
+                     : topic == "emit"   ? KronlogTool::kEmitUsage
+                     : topic == "follow" ? KronlogTool::kFollowUsage
+                                         : nullptr;
   if (!text || args.size() > 1) {
     std::fprintf(stderr, "kronlog help: no command '%s' (try 'kronlog --help')\n",
                  KronlogTool::escapeForTerminal(topic).c_str());
@@ -63,6 +69,8 @@ int main(int argc, char** argv) {
     if (command == "show") return KronlogTool::showCommand(args);
     if (command == "check") return KronlogTool::checkCommand(args);
     if (command == "demo") return KronlogTool::demoCommand(args);
+    if (command == "emit") return KronlogTool::emitCommand(args);
+    if (command == "follow") return KronlogTool::followCommand(args);
     if (command == "demo-agents") return KronlogTool::demoAgentsCommand(args);
     if (command == "demo-restore") return KronlogTool::demoRestoreCommand(args);
   } catch (const std::exception& e) {
