@@ -199,19 +199,13 @@ TEST_F(TraceTest, BadConfigFormIsRefusedAndChangesNothing) {
   EXPECT_EQ(Qel::traceLevels(kOther), 0u);
 }
 
-class TraceLineTest : public ::testing::Test {
- protected:
-  static Qel::TraceRecord record(Qel::Seconds time) {
-    return {time, "Kronlog", 1, "KronlogWriter", 17, "eventIs", "eventIs size: 3"};
-  }
-};
-
-TEST_F(TraceLineTest, HasTimeFacilityLevelFileLineFunctionAndText) {
+TEST(TraceLineTest, HasTimeFacilityLevelFileLineFunctionAndText) {
+  auto record = [](Qel::Seconds time) {
+    return Qel::TraceRecord{time, "Kronlog", 1, "KronlogWriter", 17, "eventIs", "eventIs size: 3"};
+  };
   EXPECT_EQ(Qel::traceLine(record(1700000000.25)),
             "2023-11-14T22:13:20.250000Z Kronlog/1 KronlogWriter:17 eventIs: eventIs size: 3");
-}
-
-TEST_F(TraceLineTest, EpochIsMidnightMicrosecondsRoundUpAndMissingNamesAreQuestionMarks) {
+  // The epoch is midnight, microseconds round up, missing names are question marks.
   EXPECT_EQ(Qel::traceLine(record(0.0)).view().substr(0, 27), "1970-01-01T00:00:00.000000Z");
   EXPECT_EQ(Qel::traceLine(record(1700000000.9999996)).view().substr(0, 27),
             "2023-11-14T22:13:21.000000Z");

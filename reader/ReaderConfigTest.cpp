@@ -110,20 +110,6 @@ static_assert(
 static_assert(std::is_same_v<decltype(*std::declval<const Qel::Dir&>().entityMap().begin()),
                              const Qel::Entity&>);
 
-TEST_F(ConfigTest, RangeForVisitsEveryDirectoryAndEveryEntityOfIt) {
-  Qel::Dir::Ptr agents = Qel::dirFactory("agents");
-  for (const char* name : {"x", "y"}) agents->entityIs(Qel::dirFactory(name));
-  config_->dirIs(agents);
-  config_->dirIs(Qel::dirFactory("empty"));
-  std::vector<std::string> seen;
-  for (const Qel::Dir& d : config_->dirMap()) {
-    for (const Qel::Entity& e : d.entityMap())
-      seen.push_back(d.name().stdString() + "/" + e.name().stdString());
-  }
-  std::sort(seen.begin(), seen.end());
-  EXPECT_EQ(seen, (std::vector<std::string>{"agents/x", "agents/y"}));
-}
-
 // ---- Status: logIs holds entries by pointer (the accessors every owner
 // shares are tested in LogAttributeTest.cpp). On a status holding a, b, c
 // at 0, 1, 2: `message` null hands logIs a null entry, "b" the entry at 1.
