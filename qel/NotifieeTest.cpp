@@ -68,11 +68,11 @@ TEST_F(NotifieeTest, EveryRegisteredNotifieeHearsAChangeOnceInRegistrationOrder)
   Listener& b = listen("b");
   listen("c");
   Listener& d = listen("d");
-  dir_->notifieeListRef().notifieeIs(&a);
-  b.notifierIs(nullptr);
+  dir_->notifieeListRef().notifieeIs(&b);
+  a.notifierIs(nullptr);
   destroy(d);
   change("x");
-  EXPECT_EQ(log_, (Log{"a:x", "c:x"}));
+  EXPECT_EQ(log_, (Log{"b:x", "c:x"}));
   EXPECT_EQ(registered(), 2u);
 }
 

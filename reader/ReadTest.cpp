@@ -38,15 +38,12 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 // One status entry: agent name, message group, timestamp, message.
 using Row = std::tuple<std::string, std::string, double, std::string>;
 
-Row rowOf(const KronlogReader::LogEntry& e) {
-  return Row{e.agentName().stdString(), e.messageGroup().stdString(), e.timestamp(),
-             e.message().stdString()};
-}
-
 std::vector<Row> rowsOf(const Status& status) {
   std::vector<Row> rows;
   for (Status::LogIteratorConst it = status.logIterConst(); it; ++it) {
-    rows.push_back(rowOf(*it->value()));
+    const KronlogReader::LogEntry& e = *it->value();
+    rows.emplace_back(e.agentName().stdString(), e.messageGroup().stdString(), e.timestamp(),
+                      e.message().stdString());
   }
   return rows;
 }
@@ -72,20 +69,22 @@ void addEntry(const Qel::Dir::Ptr& dir, const std::string& agent, const std::str
   writerIn(dir, agent, group)->logEnq(KronlogWriter::LogEntry(t, Qel::String(message)));
 }
 
-// The (agent, group) pairs of `config` in the order a read visits them:
-// directory, then entity, then writer, each in its map's own order.
-std::vector<std::pair<std::string, std::string>> visitOrder(const Config& config) {
-  std::vector<std::pair<std::string, std::string>> order;
+// One row per writer of `config`, at `t` with message "agent/group", in the
+// order a read visits them: directory, then entity, then writer, each in its
+// map's own order.
+std::vector<Row> inVisitOrder(const Config& config, double t) {
+  std::vector<Row> rows;
   for (const Qel::Dir& d : config.dirMap()) {
     for (const Qel::Entity& e : d.entityMap()) {
       auto* agent = dynamic_cast<const WriterDir*>(&e);
       if (!agent) continue;
       for (const KronlogWriter::Writer& w : agent->writerMap()) {
-        order.emplace_back(agent->name().stdString(), w.name().stdString());
+        const std::string a = agent->name().stdString(), g = w.name().stdString();
+        rows.emplace_back(a, g, t, a + "/" + g);
       }
     }
   }
-  return order;
+  return rows;
 }
 
 // Every read test works on one directory of agents, already in the
@@ -190,20 +189,7 @@ TEST_F(ReadTest, WindowKeepsAnEntryExactlyWhenInsideIt) {
 
 // ---- Merge order.
 
-class MergeOrderTest : public ReadTest {
- protected:
-  // Expected rows when every writer holds one entry at the same time: in
-  // visiting order, whatever that order is.
-  std::vector<Row> inVisitOrder(double t) const {
-    std::vector<Row> rows;
-    for (const auto& [agent, group] : visitOrder(*config_)) {
-      rows.emplace_back(agent, group, t, agent + "/" + group);
-    }
-    return rows;
-  }
-};
-
-TEST_F(MergeOrderTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
+TEST_F(ReadTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
   Qel::Dir::Ptr second = Qel::dirFactory("more agents");
   config_->dirIs(second);
   for (const char* agent : {"zeta", "alpha", "mid"}) {
@@ -213,13 +199,13 @@ TEST_F(MergeOrderTest, EqualTimestampsOfManyWritersKeepVisitingOrder) {
     }
   }
   read();
-  EXPECT_EQ(statusRows(), inVisitOrder(5.0));
+  EXPECT_EQ(statusRows(), inVisitOrder(*config_, 5.0));
 }
 
 // A log filled out of time order (a restored or streamed one) is merged by
 // its runs, equal timestamps keeping their log order, and only the final
 // merge reaches the status.
-TEST_F(MergeOrderTest, LogsThatStepBackMergeByRunsKeepingLogOrderForEqualTimes) {
+TEST_F(ReadTest, LogsThatStepBackMergeByRunsKeepingLogOrderForEqualTimes) {
   for (auto [t, m] : {std::pair(2.0, "a"), {1.0, "b"}, {2.0, "c"}, {1.0, "d"}, {0.5, "e"}}) {
     addEntry("agent", "group", t, m);
   }
@@ -234,7 +220,7 @@ TEST_F(MergeOrderTest, LogsThatStepBackMergeByRunsKeepingLogOrderForEqualTimes) 
 
 // Merged entries are linked in at once: a full index space fails at the
 // entry where one-by-one appends would, and no scratch entries stay behind.
-TEST_F(MergeOrderTest, FullIndexSpaceFailsAtTheSameEntryAsAppendsWould) {
+TEST_F(ReadTest, FullIndexSpaceFailsAtTheSameEntryAsAppendsWould) {
   for (double t : {1.0, 2.0, 3.0}) addEntry("A", "g", t, std::to_string(static_cast<int>(t)));
   status_->logEnq(KronlogReader::logEntryFactory("x", "y", 0, "kept"));
   // One append fits between tail and head, the second would leave no index free.

@@ -73,32 +73,26 @@ TEST_F(ConfigTest, DirCollectionAddsAndRemovesByNameNotifyingEachName) {
   EXPECT_EQ(config_->notified, (std::vector<std::string>{"a", "c"}));
 }
 
-TEST_F(ConfigTest, DirIsIgnoresTheSameDirButReplacesWithAnotherOfTheSameName) {
+// A null directory is refused and changes nothing.
+TEST_F(ConfigTest, DirIsIgnoresTheSameDirRefusesNullAndReplacesAnotherOfTheSameName) {
   Qel::Dir::Ptr first = Qel::dirFactory("agents");
   Qel::Dir::Ptr second = Qel::dirFactory("agents");
   config_->dirIs(first);
   config_->dirIs(first);
+  try {
+    config_->dirIs(nullptr);
+    ADD_FAILURE() << "dirIs(null) returned";
+  } catch (const Qel::RangeException& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _dir parameter to mutator for KronlogReader::Config::dir not allowed\"");
+  }
+  EXPECT_EQ(config_->dir("agents"), first);
   EXPECT_EQ(config_->notified, std::vector<std::string>{"agents"});
   config_->dirIs(second);
   EXPECT_EQ(config_->dirs(), 1u);
   EXPECT_EQ(config_->dir("agents"), second);
   EXPECT_EQ(config_->dirIter().value(), second.ptr());
   EXPECT_EQ(config_->notified, (std::vector<std::string>{"agents", "agents"}));
-}
-
-TEST_F(ConfigTest, DirIsNullThrowsRangeExceptionAndLeavesCollection) {
-  Qel::Dir::Ptr agents = Qel::dirFactory("agents");
-  config_->dirIs(agents);
-  try {
-    config_->dirIs(nullptr);
-    FAIL() << "dirIs(null) returned";
-  } catch (const Qel::RangeException& e) {
-    EXPECT_STREQ(e.what(),
-                 "null _dir parameter to mutator for KronlogReader::Config::dir not allowed\"");
-  }
-  EXPECT_EQ(config_->dirs(), 1u);
-  EXPECT_EQ(config_->dir("agents"), agents);
-  EXPECT_EQ(config_->notified, std::vector<std::string>{"agents"});
 }
 
 // Const iterators and range-for over const maps hand out const values.

@@ -265,16 +265,6 @@ TEST_F(ToolTest, ErrorMessagesEscapeTheBytesTheyQuote) {
   EXPECT_NE(r.err.find("\\x1b]0;owned\\x07\\x1b[2J\\rX"), std::string::npos) << r.err;
 }
 
-// Not valid UTF-8: an array of the bytes, in every command that writes JSON.
-TEST_F(ToolTest, JsonOutputStaysValidForTextThatIsNotUtf8) {
-  writeStore("s", {storeEntry(1, "A\xff", "g", "caf\xe9 \xc3\xbc")});
-  const std::string object =
-      "{\"timestamp\":1.0,\"agentName\":[65,255],\"messageGroup\":\"g\",\"message\":[99,97,102,"
-      "233,32,195,188]}";
-  EXPECT_EQ(kronlog({"show", "--store", path("s"), "-o", "jsonl"}).out, object + "\n");
-  EXPECT_EQ(kronlog({"show", "--store", path("s"), "-o", "json"}).out, "[" + object + "]\n");
-}
-
 // Names and messages are escaped, so that no line can be forged.
 TEST_F(ToolTest, UnfilteredShowKeepsNamesWithLineFeeds) {
   writeStore(
