@@ -236,11 +236,9 @@ TEST_F(RestorerConfigTest, UnreadableTextIsADeserializeErrorOfKlDir) {
     KronlogWriter::WriterDir::Ptr gone = KronlogWriter::writerDirFactory("gone");
     stale = Qel::valueToStrepOfRawPtr(gone.ptr()).stdString();
   }
-  std::string misnamed = Qel::valueToStrepOfRawPtr(a_.ptr()).stdString();
-  misnamed.replace(1, 24, "Qel::Dir");
-  for (const std::string& text :
-       {std::string("garbage"), std::string(""), std::string("<KronlogWriter::WriterDir at 0xzz>"),
-        std::string("<KronlogWriter::WriterDir 0x10>"), stale, misnamed}) {
+  // Every way a pointer form is refused is the framework's; here, that each
+  // is reported against the attribute.
+  for (const std::string& text : {std::string("garbage"), stale}) {
     SCOPED_TRACE(text);
     const Qel::DeserializeException e = parseError(text);
     EXPECT_EQ(e.context(), "klDir");

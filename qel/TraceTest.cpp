@@ -12,6 +12,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -148,30 +149,24 @@ TEST_F(TraceTest, InstallingASinkReturnsTheOneItReplacesOrNullOverTheDefault) {
   EXPECT_EQ(Qel::traceSinkIs(fixtures), nullptr);
 }
 
-// QELTRACE is read once per process, so these run in a freshly started
-// child (the threadsafe style re-executes the test binary).
-TEST(TraceEnvironmentTest, MisspeltFacilityIsReportedOnceAtExit) {
+// QELTRACE is read once per process, so each setting runs in a freshly
+// started child (the threadsafe style re-executes the test binary).
+TEST(TraceEnvironmentTest, EachMisspeltFacilityIsReportedOnceAtExitAndMatchesSayNothing) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        setenv("QELTRACE", "kronlog/0,QelTest.Env/1", 1);
-        Qel::TraceHandle known("QelTest.Env", false);
-        std::exit(Qel::traceSettingsUnmatched().size() == 1 ? 0 : 3);
-      },
-      ::testing::ExitedWithCode(0),
-      "^QELTRACE: no facility \"kronlog\" traced in this process \\(facilities: "
-      "QelTest\\.Env\\)\n$");
-}
-
-TEST(TraceEnvironmentTest, SettingsThatAllMatchSayNothing) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        setenv("QELTRACE", "QelTest.Env/1,*/0", 1);
-        Qel::TraceHandle known("QelTest.Env", false);
-        std::exit(Qel::traceSettingsUnmatched().empty() ? 0 : 3);
-      },
-      ::testing::ExitedWithCode(0), "^$");
+  const std::tuple<const char*, std::size_t, const char*> cases[] = {
+      {"kronlog/0,QelTest.Env/1", 1,
+       "^QELTRACE: no facility \"kronlog\" traced in this process \\(facilities: "
+       "QelTest\\.Env\\)\n$"},
+      {"QelTest.Env/1,*/0", 0, "^$"}};
+  for (const auto& [setting, unmatched, report] : cases) {
+    EXPECT_EXIT(
+        {
+          setenv("QELTRACE", setting, 1);
+          Qel::TraceHandle known("QelTest.Env", false);
+          std::exit(Qel::traceSettingsUnmatched().size() == unmatched ? 0 : 3);
+        },
+        ::testing::ExitedWithCode(0), report);
+  }
 }
 
 TEST_F(TraceTest, ConfigFormsSetTheLevels) {
@@ -199,19 +194,13 @@ TEST_F(TraceTest, BadConfigFormIsRefusedAndChangesNothing) {
   EXPECT_EQ(Qel::traceLevels(kOther), 0u);
 }
 
-class TraceLineTest : public ::testing::Test {
- protected:
-  static Qel::TraceRecord record(Qel::Seconds time) {
-    return {time, "Kronlog", 1, "KronlogWriter", 17, "eventIs", "eventIs size: 3"};
-  }
-};
-
-TEST_F(TraceLineTest, HasTimeFacilityLevelFileLineFunctionAndText) {
+TEST(TraceLineTest, HasTimeFacilityLevelFileLineFunctionAndText) {
+  auto record = [](Qel::Seconds time) {
+    return Qel::TraceRecord{time, "Kronlog", 1, "KronlogWriter", 17, "eventIs", "eventIs size: 3"};
+  };
   EXPECT_EQ(Qel::traceLine(record(1700000000.25)),
             "2023-11-14T22:13:20.250000Z Kronlog/1 KronlogWriter:17 eventIs: eventIs size: 3");
-}
-
-TEST_F(TraceLineTest, EpochIsMidnightMicrosecondsRoundUpAndMissingNamesAreQuestionMarks) {
+  // The epoch is midnight, microseconds round up, missing names are question marks.
   EXPECT_EQ(Qel::traceLine(record(0.0)).view().substr(0, 27), "1970-01-01T00:00:00.000000Z");
   EXPECT_EQ(Qel::traceLine(record(1700000000.9999996)).view().substr(0, 27),
             "2023-11-14T22:13:21.000000Z");

@@ -38,21 +38,23 @@ TEST(EscapeTest, NothingCanStartALineOrDriveTheTerminal) {
 }
 
 TEST(FormatEntryTest, EachModeAndFieldChoice) {
-  const auto e = entry(1.5, "Bgp", "peer", "up\n");
+  const auto e = entry(1.5, "B\ngp", "pe\rer", "up\n");  // no name can start a line
   const std::pair<std::function<void(OutputOptions&)>, std::string> cases[] = {
-      {[](OutputOptions&) {}, "1970-01-01T00:00:01.500000Z Bgp peer up\\n\n"},
+      {[](OutputOptions&) {}, "1970-01-01T00:00:01.500000Z B\\ngp pe\\rer up\\n\n"},
       {[](OutputOptions& x) { x.mode = OutputMode::cat; }, "up\\n\n"},
       {[](OutputOptions& x) { x.mode = OutputMode::jsonl; },
-       "{\"timestamp\":1.5,\"agentName\":\"Bgp\",\"messageGroup\":\"peer\",\"message\":\"up\\n\"}"
-       "\n"},
+       "{\"timestamp\":1.5,\"agentName\":\"B\\ngp\",\"messageGroup\":\"pe\\rer\",\"message\":"
+       "\"up\\n\"}\n"},
       {[](OutputOptions& x) { x.mode = OutputMode::json; },
-       "{\"timestamp\":1.5,\"agentName\":\"Bgp\",\"messageGroup\":\"peer\",\"message\":\"up\\n\"}"},
+       "{\"timestamp\":1.5,\"agentName\":\"B\\ngp\",\"messageGroup\":\"pe\\rer\",\"message\":"
+       "\"up\\n\"}"},
       {[](OutputOptions& x) {
          x.fields = {Field::message, Field::agent};
        },
-       "up\\n Bgp\n"},
+       "up\\n B\\ngp\n"},
       {[](OutputOptions& x) { x.colour = true; },
-       "\x1b[2m1970-01-01T00:00:01.500000Z\x1b[0m \x1b[36mBgp\x1b[0m \x1b[33mpeer\x1b[0m up\\n\n"},
+       "\x1b[2m1970-01-01T00:00:01.500000Z\x1b[0m \x1b[36mB\\ngp\x1b[0m \x1b[33mpe\\rer\x1b[0m "
+       "up\\n\n"},
   };
   for (const auto& [configure, text] : cases) {
     OutputOptions options;
@@ -118,6 +120,9 @@ TEST(FilterTest, PatternsWindowAndCase) {
        {},
        {"peer down", "route added", "Adjacency up", "odd names", "peer up"}},
       {"WholeNameMatch", {{"Bg"}, {}, "", false}, {}},
+      {"DotMatchesNoLineFeed",
+       {{".*"}, {}, "", false},
+       {"peer down", "route added", "Adjacency up", "peer up"}},
       {"AnyOfRepeatedAgents",
        {{"Bgp", "Ospf"}, {}, "", false},
        {"peer down", "Adjacency up", "peer up"}},
