@@ -132,6 +132,20 @@ TEST_F(ToolLiveTest, LinesKeepsTheLastEventsAndSigtermClosesTheOutput) {
   EXPECT_TRUE(std::regex_match(file("f"), kArray)) << file("f");
 }
 
+// Two agents, one of which ends early: the collector saves both, on its
+// timer and when it is told to stop, with the library's saver (the store
+// it writes reads back whole).
+TEST_F(ToolLiveTest, CollectorSavesEveryAgentAlsoOneThatWentAway) {
+  std::string rc =
+      sh("$K collect --socket $D/a --socket $D/b --store $D/store --every 0.2 2> $D/e & C=$!\n"
+         "(sleep 0.3; seq 1 3) | $K emit --agent A --group g --socket $D/a\n"
+         "(sleep 0.3; seq 4 5; sleep 2) | $K emit --agent B --group h --socket $D/b & B=$!\n"
+         "sleep 1; kill -TERM $C; wait $C; echo collect=$?; kill $B\n"
+         "$K check --store $D/store > /dev/null; echo check=$?\n"
+         "$K show --store $D/store --fields agent,group,message\n");
+  EXPECT_EQ(rc, "collect=0\ncheck=0\nA g 1\nA g 2\nA g 3\nB h 4\nB h 5\n") << file("e");
+}
+
 TEST_F(ToolLiveTest, UsageAndServingErrorsAreOneLineWithTheirExitStatus) {
   const struct {
     const char* args;
@@ -148,6 +162,9 @@ TEST_F(ToolLiveTest, UsageAndServingErrorsAreOneLineWithTheirExitStatus) {
       {"follow --socket x -o cat", 2, "kronlog follow: bad --output 'cat'"},
       {"follow --socket x --agent '('", 2, "kronlog follow: "},
       {"follow --socket x -n many", 2, "kronlog follow: bad --lines 'many'"},
+      {"collect --store s", 2, "kronlog collect: --socket PATH is required"},
+      {"collect --socket x", 2, "kronlog collect: --store FILE is required"},
+      {"collect --socket x --store s --every 0", 2, "kronlog collect: bad --every '0'"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.args);

@@ -72,7 +72,7 @@ std::set<std::string> completions(const std::string& words, int current) {
 }
 
 TEST(ToolManualTest, TheManPageDescribesEveryOptionOfHelpAndNoOther) {
-  for (const char* command : {"show", "check", "demo", "emit", "follow"}) {
+  for (const char* command : {"show", "check", "demo", "emit", "follow", "collect"}) {
     SCOPED_TRACE(command);
     EXPECT_GT(helpOptions(command).size(), 1u);
     EXPECT_EQ(manOptions(command), helpOptions(command));
@@ -80,7 +80,7 @@ TEST(ToolManualTest, TheManPageDescribesEveryOptionOfHelpAndNoOther) {
 }
 
 TEST(ToolManualTest, BashCompletesEveryOptionOfHelpAndNoOther) {
-  for (const char* command : {"show", "check", "demo", "emit", "follow"}) {
+  for (const char* command : {"show", "check", "demo", "emit", "follow", "collect"}) {
     SCOPED_TRACE(command);
     EXPECT_EQ(completions(std::string("kronlog ") + command + " ''", 2), helpOptions(command));
   }

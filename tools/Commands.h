@@ -30,6 +30,7 @@ int checkCommand(const Args& args);
 int demoCommand(const Args& args);
 int emitCommand(const Args& args);
 int followCommand(const Args& args);
+int collectCommand(const Args& args);
 // The demo's two processes, started by demoCommand with the store path in
 // their environment, as an agent's launcher would set it.
 int demoAgentsCommand(const Args& args);

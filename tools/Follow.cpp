@@ -1,9 +1,5 @@
 // kronlog follow: mounts agents' writer directories and prints their events
 // live, merged by timestamp, with a line for every loss.
-#include <signal.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +12,7 @@
 #include "tools/Commands.h"
 #include "tools/Options.h"
 #include "tools/Output.h"
+#include "tools/Signals.h"
 #include "tools/Sink.h"
 #include "tools/StoreView.h"
 #include "tools/TimeArg.h"
@@ -242,17 +239,6 @@ void Source::onStale() {
   session_->sourceClosed();
 }
 
-// SIGINT and SIGTERM end the follow through the loop, so that what was
-// received is printed and the output closed properly.
-int signalFdOpen() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  if (sigprocmask(SIG_BLOCK, &set, nullptr) != 0) return -1;
-  return ::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-}
-
 }  // namespace
 
 int followCommand(const Args& args) {
@@ -284,13 +270,7 @@ int followCommand(const Args& args) {
 
   Qel::EventLoop::Ptr loop = new Qel::EventLoop;
   Session session(output, entryFilter, lines, options.has("exit-on-close"));
-  const int signals = signalFdOpen();
-  if (signals >= 0) {
-    loop->fdIs(signals, Qel::EventLoop::kReadable, [&](std::uint32_t) {
-      signalfd_siginfo info;
-      while (::read(signals, &info, sizeof info) == sizeof info) session.stop();
-    });
-  }
+  StopSignals signals(loop.ptr(), [&session] { session.stop(); });
   Qel::Ptr<Qel::Dir> agents = Qel::Dir::DirIs("agents");
   for (const std::string& path : options.values("socket")) {
     KronlogWriter::WriterDirMount::Ptr mount =
@@ -300,10 +280,6 @@ int followCommand(const Args& args) {
   }
   const int status = session.run(loop.ptr());
   session.sources().clear();
-  if (signals >= 0) {
-    loop->fdDel(signals);
-    ::close(signals);
-  }
   return status;
 }
 

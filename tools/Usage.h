@@ -14,6 +14,7 @@ inline constexpr char kUsage[] =
     "  demo    run the whole system once, end to end\n"
     "  emit    record each line of standard input as an event, served live\n"
     "  follow  print agents' events live from their sockets, with every loss\n"
+    "  collect keep copies of agents and save their merged history to a store\n"
     "  help    describe a command: kronlog help show\n"
     "\n"
     "'kronlog <command> --help' describes a command; 'kronlog --version' the version.\n"
@@ -109,6 +110,17 @@ inline constexpr char kFollowUsage[] =
     "                       fromIndex, toIndex}\n"
     "  --exit-on-close      exit once every socket has closed, instead of reconnecting\n"
     "Exit status: 0 ok; 1 output that cannot be written; 2 usage error.\n";
+
+inline constexpr char kCollectUsage[] =
+    "usage: kronlog collect --socket PATH --store FILE [options]\n"
+    "\n"
+    "Mounts agents' writer directories read-only and saves their merged history\n"
+    "to a store file with the library's saver, every few seconds and when ended\n"
+    "by SIGINT or SIGTERM. The copy of an agent that goes away is kept, and saved.\n"
+    "  --socket PATH        an agent's socket; repeat to collect several\n"
+    "  --store FILE         the store file to write (replaced whole at each save)\n"
+    "  --every SECONDS      time between saves (default 60)\n"
+    "Exit status: 0 ok; 1 cannot start; 2 usage error.\n";
 
 }  // namespace KronlogTool
 

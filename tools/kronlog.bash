@@ -7,7 +7,7 @@ _kronlog() {
   prev=${COMP_WORDS[COMP_CWORD-1]}
   command=${COMP_WORDS[1]}
   if [ "$COMP_CWORD" -eq 1 ]; then
-    COMPREPLY=($(compgen -W "show check demo emit follow help --help --version" -- "$cur"))
+    COMPREPLY=($(compgen -W "show check demo emit follow collect help --help --version" -- "$cur"))
     return
   fi
   case $prev in
@@ -26,7 +26,7 @@ _kronlog() {
     --keep)
       COMPREPLY=($(compgen -W "first last" -- "$cur"))
       return ;;
-    --agent|--group|-g|--grep|-n|--lines|--size)
+    --agent|--group|-g|--grep|-n|--lines|--size|--every)
       return ;;
   esac
   local options
@@ -38,10 +38,12 @@ _kronlog() {
       options="--store --help" ;;
     emit)
       options="--agent --group --socket --size --keep --help" ;;
+    collect)
+      options="--socket --store --every --help" ;;
     follow)
       options="--socket --agent --group -n --lines -o --output --exit-on-close --help" ;;
     help)
-      options="show check demo emit follow" ;;
+      options="show check demo emit follow collect" ;;
   esac
   COMPREPLY=($(compgen -W "$options" -- "$cur"))
 }

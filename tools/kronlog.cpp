@@ -7,6 +7,7 @@
 //   kronlog emit  --agent NAME --group GROUP [--socket PATH] [--size N] [--keep first|last]
 //   kronlog follow --socket PATH... [--agent RE] [--group RE] [-n N] [-o short|json|jsonl]
 //                  [--exit-on-close]
+//   kronlog collect --socket PATH... --store FILE [--every SECONDS]
 //   kronlog help [COMMAND]
 //
 // Exit status: 0 ok, 1 data error (a store missing, unreadable or not
@@ -31,12 +32,13 @@ int help(const std::vector<std::string>& args) {
     return KronlogTool::kExitOk;
   }
   const std::string& topic = args.front();
-  const char* text = topic == "show"     ? KronlogTool::kShowUsage
-                     : topic == "check"  ? KronlogTool::kCheckUsage
-                     : topic == "demo"   ? KronlogTool::kDemoUsage
-                     : topic == "emit"   ? KronlogTool::kEmitUsage
-                     : topic == "follow" ? KronlogTool::kFollowUsage
-                                         : nullptr;
+  const char* text = topic == "show"      ? KronlogTool::kShowUsage
+                     : topic == "check"   ? KronlogTool::kCheckUsage
+                     : topic == "demo"    ? KronlogTool::kDemoUsage
+                     : topic == "emit"    ? KronlogTool::kEmitUsage
+                     : topic == "follow"  ? KronlogTool::kFollowUsage
+                     : topic == "collect" ? KronlogTool::kCollectUsage
+                                          : nullptr;
   if (!text || args.size() > 1) {
     std::fprintf(stderr, "kronlog help: no command '%s' (try 'kronlog --help')\n",
                  KronlogTool::escapeForTerminal(topic).c_str());
@@ -71,6 +73,7 @@ int main(int argc, char** argv) {
     if (command == "demo") return KronlogTool::demoCommand(args);
     if (command == "emit") return KronlogTool::emitCommand(args);
     if (command == "follow") return KronlogTool::followCommand(args);
+    if (command == "collect") return KronlogTool::collectCommand(args);
     if (command == "demo-agents") return KronlogTool::demoAgentsCommand(args);
     if (command == "demo-restore") return KronlogTool::demoRestoreCommand(args);
   } catch (const std::exception& e) {
