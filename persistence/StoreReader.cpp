@@ -47,6 +47,25 @@ class JsonPart {
   }
   const std::string& text() const noexcept { return text_; }
   // The file offset of the byte at `at` in the joined text.
+  // The first removed line feed that lay inside a JSON string, as a joined
+  // text offset; npos if none. Meaningful for text that parses.
+  std::size_t lineFeedInString() const {
+    bool inString = false, escaped = false;
+    auto next = removed_.begin();
+    for (std::size_t i = 0; i < text_.size() && next != removed_.end(); ++i) {
+      while (next != removed_.end() && *next < i) ++next;
+      if (inString && next != removed_.end() && *next == i) return i;
+      const char c = text_[i];
+      if (escaped) {
+        escaped = false;
+      } else if (inString && c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = !inString;
+      }
+    }
+    return std::string::npos;
+  }
   std::uint64_t fileOffset(std::size_t at) const {
     const auto before = std::upper_bound(removed_.begin(), removed_.end(), at) - removed_.begin();
     return start_ + at + static_cast<std::uint64_t>(before);
@@ -407,6 +426,21 @@ class Reading {
               : std::string("JSON syntax error: ") + rapidjson::GetParseError_En(result.Code());
       reading_.problems.push_back({StoreFault::badJson, part.fileOffset(result.Offset()), why});
       return false;
+    }
+    // The parser takes a NUL byte for the end of its input, as a restore
+    // does: whatever follows one is not read. Restorable, but not what a
+    // save writes, so it is worth a warning.
+    if (const std::size_t lf = part.lineFeedInString(); lf != std::string::npos) {
+      // A restore joins the lines, so the text loses that line feed.
+      reading_.warnings.push_back({StoreFault::lineFeedInString, part.fileOffset(lf) - 1,
+                                   "a line feed inside a JSON string; a restore drops it"});
+    }
+    const std::size_t end = stream.Tell();
+    if (end < part.text().size()) {
+      reading_.warnings.push_back({StoreFault::nulEndsJson, part.fileOffset(end),
+                                   "a NUL byte ends the JSON here; a restore ignores the " +
+                                       std::to_string(part.text().size() - end) +
+                                       " bytes from it on"});
     }
     return true;
   }

@@ -39,6 +39,8 @@ enum class StoreFault {
   nulInText,          // a text holds a NUL byte: a restore cuts it there
   restorerNeverEnds,  // too many entries for the restorer's walk, which then never finishes
   versionDiffers,     // a warning only: line 2 names another version, read all the same
+  nulEndsJson,        // a warning only: a NUL byte after the JSON ends it; what follows is ignored
+  lineFeedInString,   // a warning only: a line feed inside a string, which a restore drops
 };
 
 struct StoreProblem {
