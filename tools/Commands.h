@@ -35,6 +35,10 @@ int collectCommand(const Args& args);
 // their environment, as an agent's launcher would set it.
 int demoAgentsCommand(const Args& args);
 int demoRestoreCommand(const Args& args);
+// The demo's live stage: runs demoLiveAgentCommand as a child serving on
+// `socketPath` and follows it; false when it fails or the copy differs.
+bool demoLive(const std::string& socketPath);
+int demoLiveAgentCommand(const Args& args);
 
 }  // namespace KronlogTool
 

@@ -219,6 +219,21 @@ int demoCommand(const Args& args) {
   sink.flush();
   std::printf("\n%zu events in %s; try: kronlog show --store %s --agent Lldp --output jsonl\n",
               merged.size(), escapeForTerminal(store).c_str(), escapeForTerminal(store).c_str());
+
+  step("6. live: another process follows an agent as it records (kronlog follow)");
+  char socketDir[] = "/tmp/kronlog-demo-XXXXXX";
+  if (!::mkdtemp(socketDir)) {
+    std::perror("kronlog demo: cannot make a directory for the agent's socket");
+    return kExitData;
+  }
+  const std::string socketPath = std::string(socketDir) + "/Ospf.sock";
+  const bool live = demoLive(socketPath);
+  ::unlink(socketPath.c_str());
+  ::rmdir(socketDir);
+  if (!live) {
+    std::fprintf(stderr, "kronlog demo: the live stage failed\n");
+    return kExitData;
+  }
   return kExitOk;
 }
 

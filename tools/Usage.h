@@ -72,6 +72,9 @@ inline constexpr char kDemoUsage[] =
     "Runs the whole system once: a child process plays a device's agents,\n"
     "records events (some overflow), reads them merged and saves the store;\n"
     "a second process restores one agent's history; then the store is shown.\n"
+    "Last, an agent process records while the demo follows it live through a\n"
+    "moment when it is too slow: the loss is reported exactly, and the copy's\n"
+    "counters end equal to the agent's.\n"
     "  --store PATH         where the store file goes (default: ./kronlog-demo-store)\n";
 
 inline constexpr char kEmitUsage[] =

@@ -76,6 +76,7 @@ int main(int argc, char** argv) {
     if (command == "collect") return KronlogTool::collectCommand(args);
     if (command == "demo-agents") return KronlogTool::demoAgentsCommand(args);
     if (command == "demo-restore") return KronlogTool::demoRestoreCommand(args);
+    if (command == "demo-live-agent") return KronlogTool::demoLiveAgentCommand(args);
   } catch (const std::exception& e) {
     // Not expected: every input is validated first. Still one line, no trace.
     std::fprintf(stderr, "kronlog %s: internal error: %s\n", command.c_str(), e.what());
