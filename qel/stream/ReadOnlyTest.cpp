@@ -21,7 +21,7 @@ class ReadOnlyTest : public ::testing::Test {
     copy_ = pair_.copy()->gauge("volts");
   }
 
-  StreamTesting::StreamTraces traces_{1u};
+  StreamTesting::StreamTraces traces_;
   Board::Ptr board_ = Board::BoardIs("board");
   StreamTesting::StreamPair pair_{board_};
   Gauge::Ptr copy_;
@@ -70,15 +70,11 @@ class EchoingGaugeAdapter : public StreamTesting::GaugeAdapter {
   using GaugeAdapter::GaugeAdapter;
   const char* typeName() const override { return "ReadOnlyTest::EchoingGauge"; }
   void onValue() override { flowOutNeededIs(); }
-  static Qel::StreamAdapter::Ptr factory(Qel::Connection* c, const Qel::Name& name, In& in) {
-    Gauge::Ptr g = Gauge::GaugeIs(name, in.string());
-    g->readOnlyIs(c->peerName());
-    return new EchoingGaugeAdapter(c, g.ptr());
-  }
 };
 
 TEST(ReadOnlyEchoTest, EchoFromACopyClosesTheConnectionWithTheInternalError) {
-  Qel::streamTypeIs("ReadOnlyTest::EchoingGauge", &EchoingGaugeAdapter::factory);
+  Qel::streamTypeIs("ReadOnlyTest::EchoingGauge",
+                    &StreamTesting::GaugeAdapter::factory<EchoingGaugeAdapter>);
   Gauge::Ptr g = Gauge::GaugeIs("g", "V");
   g->valueIs(5);  // so that the copy's value changes as the snapshot lands
   StreamTesting::StreamPair pair(

@@ -119,7 +119,7 @@ TEST_F(ServerMountTest, MountGetsTheSnapshotNamingItsPeerThenChanges) {
 }
 
 TEST_F(ServerMountTest, PeerRefusedByTheCheckNeverMounts) {
-  StreamTesting::StreamTraces traces(1u);
+  StreamTesting::StreamTraces traces;
   server_ = serve(board_);
   server_->peerCheckIs([](const Qel::PeerCredentials&) { return false; });
   mount();
