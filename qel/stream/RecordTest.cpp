@@ -3,8 +3,6 @@
 #include "qel/stream/Record.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -73,19 +71,14 @@ TEST_F(RecordTest, IncarnationIsStableInAProcessAndNewInAForkedChild) {
   const std::uint64_t mine = Qel::NboAttrLog::processIncarnation();
   EXPECT_NE(mine, 0u);
   EXPECT_EQ(Qel::NboAttrLog::processIncarnation(), mine);
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  if (::fork() == 0) {
-    const std::uint64_t child = Qel::NboAttrLog::processIncarnation();
-    ::_exit(::write(fds[1], &child, sizeof child) == sizeof child ? 0 : 1);
-  }
-  std::uint64_t child = 0;
-  ASSERT_EQ(::read(fds[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
-  ::wait(nullptr);
-  ::close(fds[0]);
-  ::close(fds[1]);
-  EXPECT_NE(child, mine);
-  EXPECT_NE(child, 0u);
+  StreamTesting::Child child([](int report) {
+    StreamTesting::Child::say(report, std::to_string(Qel::NboAttrLog::processIncarnation()) + "\n");
+  });
+  Qel::EventLoop::Ptr loop = new Qel::EventLoop;
+  std::string theirs = child.next(loop.ptr());
+  EXPECT_NE(theirs, std::to_string(mine));
+  EXPECT_NE(theirs, "0");
+  EXPECT_NE(theirs, "");
 }
 
 TEST_F(RecordTest, OverlongPeerNameIsCutWhenWritten) {
