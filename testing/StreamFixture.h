@@ -57,6 +57,17 @@ inline Qel::StreamServer::RootAdapterFactory boardRoot(Board::Ptr board) {
   };
 }
 
+// Calls `on("value")` or `on("label")` as a gauge changes.
+class GaugeWatch : public Gauge::Notifiee {
+ public:
+  GaugeWatch(Gauge* g, std::function<void(const char*)> on) : on_(std::move(on)) { notifierIs(g); }
+  void onValue() override { on_("value"); }
+  void onLabel() override { on_("label"); }
+
+ private:
+  std::function<void(const char*)> on_;
+};
+
 // A serving and a mounting connection over a socketpair; the serving side
 // streams the root adapter `root` makes once the peer's handshake is in.
 class StreamPair : public Qel::Connection::Notifiee {

@@ -86,26 +86,15 @@ TEST(ReadOnlyEchoTest, EchoFromACopyClosesTheConnectionWithTheInternalError) {
 
 // A notifiee of a copy that runs the event loop from inside the change it
 // hears: the adapter applying that change is entered again.
-class NestedLoop : public Gauge::Notifiee {
- public:
-  NestedLoop(Gauge* copy, Gauge* source, Qel::EventLoop* loop) : source_(source), loop_(loop) {
-    notifierIs(copy);
-  }
-  void onValue() override {
-    if (nested_) return;
-    nested_ = true;
-    source_->valueIs(source_->value() + 1);
-    for (int i = 0; i < 5; ++i) loop_->runOnce(0);
-  }
-
- private:
-  Gauge* source_;
-  Qel::EventLoop* loop_;
-  bool nested_ = false;
-};
-
 TEST_F(ReadOnlyTest, AdapterEnteredWhileActiveRaisesTheInternalError) {
-  NestedLoop nested(copy_.ptr(), board_->gauge("volts"), pair_.loop.ptr());
+  Gauge* source = board_->gauge("volts");
+  bool nested = false;
+  StreamTesting::GaugeWatch watch(copy_.ptr(), [&](const char*) {
+    if (nested) return;
+    nested = true;
+    source->valueIs(source->value() + 1);
+    for (int i = 0; i < 5; ++i) pair_.loop->runOnce(0);
+  });
   board_->gauge("volts")->valueIs(300);
   pair_.settle();
   EXPECT_FALSE(pair_.client->open());

@@ -54,9 +54,10 @@ TEST_F(RecordTest, EveryPrefixOfAFrameWaitsForMore) {
   for (std::size_t n = 0; n < f.size(); ++n) EXPECT_EQ(scan(f.substr(0, n)), "0") << n;
 }
 
-TEST_F(RecordTest, HandshakeRoundTrips) {
+// A peer name past 256 bytes is cut when written.
+TEST_F(RecordTest, HandshakeRoundTripsWithItsPeerNameCut) {
   Qel::NboAttrLog::Out out;
-  Qel::NboAttrLog::handshakeWrite(out, 0x0102030405060708u, "agent[12]");
+  Qel::NboAttrLog::handshakeWrite(out, 0x0102030405060708u, Qel::String(std::string(300, 'n')));
   std::string f(out.data(), out.size());
   ASSERT_EQ(scan(f), std::to_string(f.size()));
   EXPECT_EQ(h_.kind, RecordKind::handshake);
@@ -64,7 +65,7 @@ TEST_F(RecordTest, HandshakeRoundTrips) {
   Qel::NboAttrLog::Handshake hs = Qel::NboAttrLog::handshakeRead(in);
   EXPECT_EQ(hs.version, Qel::NboAttrLog::kVersion);
   EXPECT_EQ(hs.incarnation, 0x0102030405060708u);
-  EXPECT_EQ(hs.peerName, "agent[12]");
+  EXPECT_EQ(hs.peerName, std::string(256, 'n'));
 }
 
 TEST_F(RecordTest, IncarnationIsStableInAProcessAndNewInAForkedChild) {
@@ -79,13 +80,6 @@ TEST_F(RecordTest, IncarnationIsStableInAProcessAndNewInAForkedChild) {
   EXPECT_NE(theirs, std::to_string(mine));
   EXPECT_NE(theirs, "0");
   EXPECT_NE(theirs, "");
-}
-
-TEST_F(RecordTest, OverlongPeerNameIsCutWhenWritten) {
-  Qel::NboAttrLog::Out out;
-  Qel::NboAttrLog::handshakeWrite(out, 1, Qel::String(std::string(300, 'n')));
-  In in(out.data() + 12, out.size() - 12);
-  EXPECT_EQ(Qel::NboAttrLog::handshakeRead(in).peerName.size(), 256u);
 }
 
 TEST_F(RecordTest, EveryKindHasAName) {
