@@ -1,14 +1,11 @@
-// Test support: two small streamed entity types and their adapters, used
-// by the stream layer's tests, fuzz target and benchmark.
-//
-//   Board   a collection `gauge` (attribute 258) of Gauges keyed by name
-//   Gauge   `value` (unsigned, 261) and `label` (string, 262); its `unit`
-//           is a constructor value, fixed at creation
-//
-// The adapters follow the pattern real types use: send at once when the
-// connection has room, otherwise mark the attribute dirty and send the
-// current value at the next flow-out; a whole-collection transfer is
-// bracketed by transaction records and resumes from a bookmark.
+// Test support: two small streamed entity types and their adapters, used by
+// the stream layer's tests, fuzz target and benchmark. A Board holds a
+// collection `gauge` (258) of Gauges keyed by name; a Gauge has `value`
+// (261), `label` (262) and a constructor value `unit`. The adapters follow
+// the pattern real types use: send at once when there is room, otherwise
+// mark dirty and send the current value at the next flow-out; a
+// whole-collection transfer is bracketed by transaction records and resumes
+// from a bookmark.
 #ifndef KRONLOG_TESTING_STREAMTESTTYPES_H
 #define KRONLOG_TESTING_STREAMTESTTYPES_H
 
@@ -43,23 +40,20 @@ class Gauge : public Qel::Entity {
   const Qel::String& unit() const { return unit_; }
   unsigned value() const { return value_; }
   const Qel::String& label() const { return label_; }
-  void valueIs(unsigned v) {
-    writeCheck();
-    if (v == value_) return;
-    value_ = v;
-    notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onValue(); });
-  }
-  void labelIs(const Qel::String& l) {
-    writeCheck();
-    if (l == label_) return;
-    label_ = l;
-    notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onLabel(); });
-  }
+  void valueIs(unsigned v) { set(value_, v, &Notifiee::onValue); }
+  void labelIs(const Qel::String& l) { set(label_, l, &Notifiee::onLabel); }
   Qel::NotifieeListBase& notifieeListRef() { return notifiees_; }
   Gauge* qelHashValue() { return this; }
 
  private:
   Gauge(const Qel::Name& name, const Qel::String& unit) : Entity(name), unit_(unit) {}
+  template <class T>
+  void set(T& field, const T& v, void (Notifiee::*on)()) {
+    writeCheck();
+    if (v == field) return;
+    field = v;
+    notifiees_.visitAs<Notifiee>(this, [on](Notifiee* n) { (n->*on)(); });
+  }
   Qel::String unit_;
   unsigned value_ = 0;
   Qel::String label_;
@@ -88,11 +82,8 @@ class Board : public Qel::Entity {
   // Adds an existing gauge (replacing one of the same name).
   void gaugeAdd(const Gauge::Ptr& g) {
     writeCheck();
-    if (Gauge* old = gauges_[g->name()]) {
-      if (old == g.ptr()) return;
-      old->parentIs(nullptr);
-      gauges_.memberDel(g->name());
-    }
+    if (gauges_[g->name()] == g.ptr()) return;
+    if (Gauge::Ptr old = gauges_.memberDel(g->name())) old->parentIs(nullptr);
     gauges_.newMember(g.ptr());
     g->parentIs(this);
     notify(g->name());
@@ -117,29 +108,29 @@ class Board : public Qel::Entity {
   Qel::NotifieeListBase notifiees_;
 };
 
+// A read-only copy for the peer's creation record, adapted by A.
+template <class A, class E>
+Qel::StreamAdapter::Ptr copyAdapter(Qel::Connection* c, Qel::Ptr<E> copy) {
+  copy->readOnlyIs(c->peerName());
+  return new A(c, copy.ptr());
+}
+
 class GaugeAdapter : public Qel::StreamAdapter, public Gauge::Notifiee {
  public:
-  static constexpr unsigned kValueDirty = 2;
-  static constexpr unsigned kLabelDirty = 4;
-
-  GaugeAdapter(Qel::Connection* c, Gauge* g) : StreamAdapter(c, g), gauge_(g) {
-    notifierIs(g);
-    dirty_ = kValueDirty | kLabelDirty;  // the first flow-out sends everything
-  }
+  GaugeAdapter(Qel::Connection* c, Gauge* g) : StreamAdapter(c, g), gauge_(g) { notifierIs(g); }
   const char* typeName() const override { return "StreamTesting::Gauge"; }
   void doSerializeOrphan(Out& out) override { out.string(gauge_->unit()); }
 
-  void onValue() override { changed(kValueAttr, kValueDirty); }
-  void onLabel() override { changed(kLabelAttr, kLabelDirty); }
+  void onValue() override { changed(kValueAttr); }
+  void onLabel() override { changed(kLabelAttr); }
 
   bool handleAttrFlowOut() override {
-    if (resumeAttr() <= kValueAttr) {
-      resumeAttrIs(kValueAttr);
-      if (dirty_ & kValueDirty) send(kValueAttr);
-      if (!mayTransmit()) return false;
+    for (Qel::AttributeId attr : {kValueAttr, kLabelAttr}) {
+      if (resumeAttr() > attr) continue;
+      resumeAttrIs(attr);
+      if (dirty_ & bit(attr)) send(attr);
+      if (attr == kValueAttr && !mayTransmit()) return false;
     }
-    resumeAttrIs(kLabelAttr);
-    if (dirty_ & kLabelDirty) send(kLabelAttr);
     resumeAttrIs(0);
     return true;
   }
@@ -159,19 +150,19 @@ class GaugeAdapter : public Qel::StreamAdapter, public Gauge::Notifiee {
     }
   }
 
+  template <class A = GaugeAdapter>
   static Qel::StreamAdapter::Ptr factory(Qel::Connection* c, const Qel::Name& name, In& in) {
-    Gauge::Ptr g = Gauge::GaugeIs(name, in.string());
-    g->readOnlyIs(c->peerName());
-    return new GaugeAdapter(c, g.ptr());
+    return copyAdapter<A>(c, Gauge::GaugeIs(name, in.string()));
   }
 
  private:
-  void changed(Qel::AttributeId attr, unsigned bit) {
+  static unsigned bit(Qel::AttributeId attr) { return attr == kValueAttr ? 2 : 4; }
+  void changed(Qel::AttributeId attr) {
     if (flowInAttr() == attr) return;  // applying the peer's change: no echo
     if (mayTransmit()) {
       send(attr);
     } else {
-      dirty_ |= bit;
+      dirty_ |= bit(attr);
       flowOutNeededIs();
     }
   }
@@ -179,38 +170,31 @@ class GaugeAdapter : public Qel::StreamAdapter, public Gauge::Notifiee {
     Out& out = recordBegin(RecordKind::attrUpdate, attr);
     if (attr == kValueAttr) {
       out.u32(gauge_->value());
-      dirty_ &= ~kValueDirty;
     } else {
       out.string(gauge_->label());
-      dirty_ &= ~kLabelDirty;
     }
+    dirty_ &= ~bit(attr);
     recordEnd();
   }
   Gauge* gauge_;
-  unsigned dirty_ = 0;
+  unsigned dirty_ = bit(kValueAttr) | bit(kLabelAttr);  // the first flow-out sends everything
 };
 
 class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
  public:
-  BoardAdapter(Qel::Connection* c, Board* b) : StreamAdapter(c, b), board_(b) {
-    notifierIs(b);
-    wholeDirty_ = true;
-  }
+  BoardAdapter(Qel::Connection* c, Board* b) : StreamAdapter(c, b), board_(b) { notifierIs(b); }
   const char* typeName() const override { return "StreamTesting::Board"; }
   void doSerializeOrphan(Out&) override {}
 
   void onGauge(const Qel::Name& name) override {
     if (flowInAttr() == kGaugeAttr) return;
-    if (mayTransmit() && !wholeDirty_) {
-      memberSend(name);
-    } else {
-      // Invariant: a name is queued once, so the queue is bounded by the
-      // number of distinct names, not by how often they change.
-      if (std::find(dirtyNames_.begin(), dirtyNames_.end(), name) == dirtyNames_.end()) {
-        dirtyNames_.push_back(name);
-      }
-      flowOutNeededIs();
+    if (mayTransmit() && !wholeDirty_) return memberSend(name);
+    // Invariant: a name is queued once, so the queue is bounded by the
+    // number of distinct names, not by how often they change.
+    if (std::find(dirtyNames_.begin(), dirtyNames_.end(), name) == dirtyNames_.end()) {
+      dirtyNames_.push_back(name);
     }
+    flowOutNeededIs();
   }
 
   bool handleAttrFlowOut() override {
@@ -226,8 +210,7 @@ class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
         memberSend(bookmark_->name());
       }
       transactionClose(kGaugeAttr);
-      inTransfer_ = false;
-      wholeDirty_ = false;
+      inTransfer_ = wholeDirty_ = false;
     }
     while (!dirtyNames_.empty()) {
       if (!mayTransmit()) return false;
@@ -245,17 +228,15 @@ class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
         kind, in, "gauge",
         [](const Qel::Entity* e) { return dynamic_cast<const Gauge*>(e) != nullptr; },
         [this](const Qel::Name& n) { return board_->gauge(n) != nullptr; }, &name));
-    if (!g) {
+    if (g) {
+      board_->gaugeAdd(g);
+    } else {
       board_->gaugeDel(name);
-      return;
     }
-    board_->gaugeAdd(g);
   }
 
   static Qel::StreamAdapter::Ptr factory(Qel::Connection* c, const Qel::Name& name, In&) {
-    Board::Ptr b = Board::BoardIs(name);
-    b->readOnlyIs(c->peerName());
-    return new BoardAdapter(c, b.ptr());
+    return copyAdapter<BoardAdapter>(c, Board::BoardIs(name));
   }
 
  private:
@@ -284,7 +265,7 @@ class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
   }
 
   Board* board_;
-  bool wholeDirty_ = false;
+  bool wholeDirty_ = true;
   bool inTransfer_ = false;
   Board::GaugeMap::Iterator bookmark_;
   std::vector<Qel::Name> dirtyNames_;
@@ -293,7 +274,7 @@ class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
 
 // Registers both types with the streamable-type registry (idempotent).
 inline void streamTestTypesRegister() {
-  Qel::streamTypeIs("StreamTesting::Gauge", &GaugeAdapter::factory);
+  Qel::streamTypeIs("StreamTesting::Gauge", &GaugeAdapter::factory<>);
   Qel::streamTypeIs("StreamTesting::Board", &BoardAdapter::factory);
 }
 

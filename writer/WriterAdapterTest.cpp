@@ -2,9 +2,9 @@
 // source through stalls, a follower of a copy accounts for every event, a
 // hostile peer's records leave the copy intact, and a copy is read-only.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <cstdint>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -13,8 +13,6 @@
 #include "kronlog/KronlogWriter.h"
 #include "kronlog/KronlogWriterStreaming.h"
 #include "qel/Exception.h"
-#include "qel/stream/Connection.h"
-#include "qel/stream/UnixSocket.h"
 #include "testing/StreamFixture.h"
 #include "testing/WriterState.h"
 
@@ -32,60 +30,23 @@ using Qel::NboAttrLog::RecordKind;
 
 using WriterTesting::stateOf;
 
-// Streams the directory once the peer's handshake is in.
-class ServeOnHandshake : public Qel::Connection::Notifiee {
- public:
-  explicit ServeOnHandshake(WriterDir::Ptr dir) : dir_(std::move(dir)) {}
-  void onHandshake() override {
-    Qel::Connection* c = notifier().ptr();
-    c->adapterIs(new KronlogWriter::WriterDirNboAttrLogAdapter(c, dir_.ptr()));
-  }
-
- private:
-  WriterDir::Ptr dir_;
-};
-
 class WriterAdapterTest : public ::testing::Test {
  protected:
   WriterAdapterTest() { connect(); }
   // A fresh connected pair, the server streaming dir_.
   void connect() {
-    int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) throw std::runtime_error("socketpair");
-    Qel::String peer = Qel::peerName(fds[0]);
-    server_ = new Qel::Connection(loop_.ptr(), fds[0], Qel::Connection::Role::serving, peer, "srv");
-    client_ =
-        new Qel::Connection(loop_.ptr(), fds[1], Qel::Connection::Role::mounting, peer, "cli");
-    serve_.notifierIs(server_);
+    pair_ = std::make_unique<StreamTesting::StreamPair>([this](Qel::Connection* c) {
+      return new KronlogWriter::WriterDirNboAttrLogAdapter(c, dir_.ptr());
+    });
   }
-  ~WriterAdapterTest() override {
-    serve_.notifierIs(nullptr);
-    client_->close("test over");
-    server_->close("test over");
-  }
-  void settle() {
-    for (int i = 0; i < 100000; ++i) {
-      if (loop_->runOnce(0) == 0) return;
-    }
-    FAIL() << "the stream never settled";
-  }
-  WriterDir* copy() const {
-    Qel::StreamAdapter* a = client_->adapter(Qel::NboAttrLog::kRootEntity);
-    return a ? dynamic_cast<WriterDir*>(a->entity()) : nullptr;
-  }
+  void settle() { pair_->settle(); }
+  void capacityIs(std::size_t bytes) { pair_->server->sendBufferCapacityIs(bytes); }
+  WriterDir* copy() const { return pair_->copy<WriterDir>(); }
   Writer* copyOf(const char* name) const { return copy() ? copy()->writer(name).ptr() : nullptr; }
-  // Feeds a hand-made record to the copy's connection.
-  void inject(RecordKind kind, Qel::AttributeId attr, std::uint32_t entity,
-              const std::string& payload) {
-    std::string f = StreamTesting::frameOf(kind, attr, entity, payload);
-    client_->bytesReceived(f.data(), f.size());
-  }
 
+  static constexpr std::size_t kRoomy = Qel::Connection::kDefaultSendBufferBytes;
   WriterDir::Ptr dir_ = KronlogWriter::writerDirFactory("agent");
-  Qel::EventLoop::Ptr loop_ = new Qel::EventLoop;
-  Qel::Connection::Ptr server_;
-  Qel::Connection::Ptr client_;
-  ServeOnHandshake serve_{dir_};
+  std::unique_ptr<StreamTesting::StreamPair> pair_;
 };
 
 TEST_F(WriterAdapterTest, SnapshotCopiesWritersEntriesAndCounters) {
@@ -102,11 +63,11 @@ TEST_F(WriterAdapterTest, DeletionsMissedWhileStalledAreCaughtUpByTheTransfer) {
   Writer::Ptr w = dir_->writerIs("g", Config(8, keepLastEntries));
   for (int i = 0; i < 6; ++i) w->eventIs(std::to_string(i));
   settle();
-  server_->sendBufferCapacityIs(0);  // nothing may go out at once
+  capacityIs(0);  // nothing may go out at once
   w->logDel(2);
   w->logDel(5);  // the newest: the next index falls back to 5
   w->eventIs("again");
-  server_->sendBufferCapacityIs(Qel::Connection::kDefaultSendBufferBytes);
+  capacityIs(kRoomy);
   settle();
   EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
   EXPECT_EQ(copyOf("g")->logMetadata(), LogMetadata(0, 6));
@@ -124,9 +85,9 @@ TEST_P(RandomStreamTest, QuietCopyEqualsTheSource) {
   for (int round = 0; round < 40; ++round) {
     // Capacity 0 sends nothing at all (the loop never rests then, so the
     // stream is not settled meanwhile); 64 lets a record through now and then.
-    const std::size_t capacities[] = {0, 64, Qel::Connection::kDefaultSendBufferBytes};
+    const std::size_t capacities[] = {0, 64, kRoomy};
     const std::size_t capacity = capacities[rng() % 3];
-    server_->sendBufferCapacityIs(capacity);
+    capacityIs(capacity);
     for (int op = 0; op < 50; ++op) {
       const char* name = names[rng() % 4];
       unsigned r = rng() % 100;
@@ -147,7 +108,7 @@ TEST_P(RandomStreamTest, QuietCopyEqualsTheSource) {
     }
     if (capacity != 0 && rng() % 3 == 0) settle();
   }
-  server_->sendBufferCapacityIs(Qel::Connection::kDefaultSendBufferBytes);
+  capacityIs(kRoomy);
   settle();
   EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
 }
@@ -156,38 +117,51 @@ INSTANTIATE_TEST_SUITE_P(Seeds, RandomStreamTest, ::testing::Range(1u, 9u));
 
 // ---- Following a copy
 
+// Every event in these tests has its index as its message. Slow losses are
+// kept as "from-to", overflow losses summed.
 class Recorder : public WriterFollower {
  public:
   void onEntry(unsigned int index, const LogEntry& entry) override {
+    EXPECT_EQ(entry.message(), std::to_string(index));
     indices.push_back(index);
-    messages.push_back(entry.message().stdString());
   }
-  void onLoss(const Loss& loss) override { losses.push_back(loss); }
-  unsigned lost(LossReason reason) const {
-    unsigned n = 0;
-    for (const Loss& l : losses) n += l.reason == reason ? l.count : 0;
-    return n;
+  void onLoss(const Loss& l) override {
+    if (l.reason == LossReason::overflow) {
+      overflow += l.count;
+    } else {
+      slow += l.count;
+      gaps.push_back(std::to_string(l.fromIndex) + "-" + std::to_string(l.toIndex));
+    }
   }
   std::vector<unsigned int> indices;
-  std::vector<std::string> messages;
-  std::vector<Loss> losses;
+  unsigned slow = 0;
+  unsigned overflow = 0;
+  std::vector<std::string> gaps;
 };
 
 class FollowerTest : public WriterAdapterTest {
  protected:
+  // A follower of the copy of a new writer `g` whose indices start at `first`.
+  Writer::Ptr followed(Config config, unsigned first = 0) {
+    Writer::Ptr w = dir_->writerIs("g", config);
+    w->logMetadataIs(LogMetadata(first, first));
+    settle();
+    follower_.writerIs(copyOf("g"));
+    return w;
+  }
   // Records `n` events, the connection stalled for every third stretch of
   // 40, and returns how many were recorded.
   unsigned record(Writer* w, unsigned n, unsigned first = 0) {
     for (unsigned i = 0; i < n; ++i) {
       if (i % 40 == 0) {
         bool stall = (i / 40) % 3 == 1;
-        server_->sendBufferCapacityIs(stall ? 32 : Qel::Connection::kDefaultSendBufferBytes);
+        capacityIs(stall ? 32 : kRoomy);
         if (!stall) settle();
       }
       w->eventIs(std::to_string(first + i));
       if (i % 7 == 0) settle();
     }
-    server_->sendBufferCapacityIs(Qel::Connection::kDefaultSendBufferBytes);
+    capacityIs(kRoomy);
     settle();
     return n;
   }
@@ -196,48 +170,36 @@ class FollowerTest : public WriterAdapterTest {
 
 // Starts at the top of the index space, so that the indices wrap.
 TEST_F(FollowerTest, EntriesPlusSlowLossesEqualEventsRecordedAcrossTheIndexWrap) {
-  Writer::Ptr w = dir_->writerIs("g", Config(5, keepLastEntries));
-  w->logMetadataIs(LogMetadata(0xffffff00u, 0xffffff00u));
-  settle();
-  follower_.writerIs(copyOf("g"));
+  Writer::Ptr w = followed(Config(5, keepLastEntries), 0xffffff00u);
   unsigned n = record(w.ptr(), 600, 0xffffff00u);
-  EXPECT_GT(follower_.lost(Recorder::LossReason::slow), 0u);  // the stalls did cost events
-  EXPECT_EQ(follower_.indices.size() + follower_.lost(Recorder::LossReason::slow), n);
-  EXPECT_EQ(follower_.lost(Recorder::LossReason::overflow), 0u);
-  for (std::size_t k = 0; k < follower_.indices.size(); ++k) {
-    EXPECT_EQ(follower_.messages[k], std::to_string(follower_.indices[k]));
-    if (k > 0) {
-      EXPECT_LT(follower_.indices[k] - follower_.indices[k - 1] - 1, n);  // increasing
-    }
+  EXPECT_GT(follower_.slow, 0u);  // the stalls did cost events
+  EXPECT_EQ(follower_.indices.size() + follower_.slow, n);
+  EXPECT_EQ(follower_.overflow, 0u);
+  for (std::size_t k = 1; k < follower_.indices.size(); ++k) {
+    EXPECT_LT(follower_.indices[k] - follower_.indices[k - 1] - 1, n);  // increasing
   }
   EXPECT_EQ(follower_.nextIndex(), 0xffffff00u + n);
   EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
 }
 
 TEST_F(FollowerTest, SlowLossNamesTheIndicesNotReceived) {
-  Writer::Ptr w = dir_->writerIs("g", Config(2, keepLastEntries));
-  settle();
-  follower_.writerIs(copyOf("g"));
-  server_->sendBufferCapacityIs(1);
+  Writer::Ptr w = followed(Config(2, keepLastEntries));
+  capacityIs(1);
   for (int i = 0; i < 6; ++i) w->eventIs(std::to_string(i));
-  server_->sendBufferCapacityIs(Qel::Connection::kDefaultSendBufferBytes);
+  capacityIs(kRoomy);
   settle();
   // The first event went out at once; 1 to 3 were evicted before sending.
-  ASSERT_EQ(follower_.losses.size(), 1u);
-  EXPECT_EQ(follower_.losses[0].count, 3u);
-  EXPECT_EQ(follower_.losses[0].fromIndex, 1u);
-  EXPECT_EQ(follower_.losses[0].toIndex, 3u);
+  EXPECT_EQ(follower_.gaps, std::vector<std::string>{"1-3"});
+  EXPECT_EQ(follower_.slow, 3u);
   EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 4, 5}));
 }
 
 TEST_F(FollowerTest, RefusedEventsAreOverflowLosses) {
-  Writer::Ptr w = dir_->writerIs("g", Config(3, keepFirstEntries));
-  settle();
-  follower_.writerIs(copyOf("g"));
+  Writer::Ptr w = followed(Config(3, keepFirstEntries));
   unsigned n = record(w.ptr(), 100);
   EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 1, 2}));
-  EXPECT_EQ(follower_.lost(Recorder::LossReason::overflow), n - 3);
-  EXPECT_EQ(follower_.lost(Recorder::LossReason::slow), 0u);
+  EXPECT_EQ(follower_.overflow, n - 3);
+  EXPECT_EQ(follower_.slow, 0u);
 }
 
 TEST_F(FollowerTest, StartingOnAFilledCopyHandsOverWhatItHolds) {
@@ -248,7 +210,7 @@ TEST_F(FollowerTest, StartingOnAFilledCopyHandsOverWhatItHolds) {
   w->eventIs("5");
   settle();
   EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{2, 3, 4, 5}));
-  EXPECT_TRUE(follower_.losses.empty());
+  EXPECT_EQ(follower_.slow + follower_.overflow, 0u);
 }
 
 TEST_F(FollowerTest, FreshCopyOfTheSameWriterContinuesWithoutRepeats) {
@@ -262,9 +224,7 @@ TEST_F(FollowerTest, FreshCopyOfTheSameWriterContinuesWithoutRepeats) {
   Writer::Ptr third = KronlogWriter::writerFactory("g", Config(8, keepLastEntries));
   third->logIs(9, LogEntry(9, "9"));
   follower_.writerIs(third);
-  ASSERT_EQ(follower_.losses.size(), 1u);
-  EXPECT_EQ(follower_.losses[0].fromIndex, 6u);
-  EXPECT_EQ(follower_.losses[0].toIndex, 8u);
+  EXPECT_EQ(follower_.gaps, std::vector<std::string>{"6-8"});
   EXPECT_EQ(follower_.indices.back(), 9u);
 }
 
@@ -352,13 +312,11 @@ TEST_F(WriterAdapterTest, MalformedWriterRecordsCloseTheStreamAndChangeNothing) 
     settle();
     std::string before = stateOf(copy());
     Qel::Ptr<WriterDir> held = copy();
-    inject(c.kind, c.attr, c.entity, c.payload);
-    EXPECT_FALSE(client_->open());
-    EXPECT_NE(client_->reason().stdString().find(c.reason), std::string::npos)
-        << client_->reason().stdString();
+    pair_->inject(StreamTesting::frameOf(c.kind, c.attr, c.entity, c.payload));
+    Qel::Connection* client = pair_->client.ptr();
+    EXPECT_FALSE(client->open());
+    EXPECT_NE(client->reason().stdString().find(c.reason), std::string::npos) << client->reason();
     EXPECT_EQ(stateOf(held.ptr()), before);
-    serve_.notifierIs(nullptr);
-    server_->close("next case");
     connect();
   }
 }

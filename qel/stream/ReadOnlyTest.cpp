@@ -21,7 +21,7 @@ class ReadOnlyTest : public ::testing::Test {
     copy_ = pair_.copy()->gauge("volts");
   }
 
-  StreamTesting::StreamTraces traces_{1u};
+  StreamTesting::StreamTraces traces_;
   Board::Ptr board_ = Board::BoardIs("board");
   StreamTesting::StreamPair pair_{board_};
   Gauge::Ptr copy_;
@@ -70,15 +70,11 @@ class EchoingGaugeAdapter : public StreamTesting::GaugeAdapter {
   using GaugeAdapter::GaugeAdapter;
   const char* typeName() const override { return "ReadOnlyTest::EchoingGauge"; }
   void onValue() override { flowOutNeededIs(); }
-  static Qel::StreamAdapter::Ptr factory(Qel::Connection* c, const Qel::Name& name, In& in) {
-    Gauge::Ptr g = Gauge::GaugeIs(name, in.string());
-    g->readOnlyIs(c->peerName());
-    return new EchoingGaugeAdapter(c, g.ptr());
-  }
 };
 
 TEST(ReadOnlyEchoTest, EchoFromACopyClosesTheConnectionWithTheInternalError) {
-  Qel::streamTypeIs("ReadOnlyTest::EchoingGauge", &EchoingGaugeAdapter::factory);
+  Qel::streamTypeIs("ReadOnlyTest::EchoingGauge",
+                    &StreamTesting::GaugeAdapter::factory<EchoingGaugeAdapter>);
   Gauge::Ptr g = Gauge::GaugeIs("g", "V");
   g->valueIs(5);  // so that the copy's value changes as the snapshot lands
   StreamTesting::StreamPair pair(
@@ -90,26 +86,15 @@ TEST(ReadOnlyEchoTest, EchoFromACopyClosesTheConnectionWithTheInternalError) {
 
 // A notifiee of a copy that runs the event loop from inside the change it
 // hears: the adapter applying that change is entered again.
-class NestedLoop : public Gauge::Notifiee {
- public:
-  NestedLoop(Gauge* copy, Gauge* source, Qel::EventLoop* loop) : source_(source), loop_(loop) {
-    notifierIs(copy);
-  }
-  void onValue() override {
-    if (nested_) return;
-    nested_ = true;
-    source_->valueIs(source_->value() + 1);
-    for (int i = 0; i < 5; ++i) loop_->runOnce(0);
-  }
-
- private:
-  Gauge* source_;
-  Qel::EventLoop* loop_;
-  bool nested_ = false;
-};
-
 TEST_F(ReadOnlyTest, AdapterEnteredWhileActiveRaisesTheInternalError) {
-  NestedLoop nested(copy_.ptr(), board_->gauge("volts"), pair_.loop.ptr());
+  Gauge* source = board_->gauge("volts");
+  bool nested = false;
+  StreamTesting::GaugeWatch watch(copy_.ptr(), [&](const char*) {
+    if (nested) return;
+    nested = true;
+    source->valueIs(source->value() + 1);
+    for (int i = 0; i < 5; ++i) pair_.loop->runOnce(0);
+  });
   board_->gauge("volts")->valueIs(300);
   pair_.settle();
   EXPECT_FALSE(pair_.client->open());
