@@ -134,6 +134,36 @@ TEST_F(ServerMountTest, PeerRefusedByTheCheckNeverMounts) {
             traces.texts.end());
 }
 
+// The default check for real: a process of another user that reaches the
+// socket (opened wide for this test) is refused by its credentials alone.
+TEST_F(ServerMountTest, PeerOfAnotherUserIsRefusedByDefault) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can run a child as another user";
+  StreamTesting::StreamTraces traces;
+  server_ = serve(board_);
+  ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+  StreamTesting::Child child([&](int report) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) StreamTesting::Child::say(report, "setuid\n");
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+      StreamTesting::Child::say(report, "connect failed\n");
+    }
+    char b[256];
+    while (::read(fd, b, sizeof b) > 0) {
+    }
+    StreamTesting::Child::say(report, "closed\n");
+  });
+  EXPECT_EQ(child.next(loop.ptr()), "closed");
+  EXPECT_EQ(server_->refusals(), 1u);
+  EXPECT_TRUE(server_->connections().empty());
+  EXPECT_TRUE(std::any_of(traces.texts.begin(), traces.texts.end(), [](const std::string& t) {
+    return t.rfind("refused peer: ", 0) == 0 && t.find(" uid: 65534") != std::string::npos;
+  }));
+}
+
 TEST_F(ServerMountTest, RetryDelayDoublesUpToItsCeiling) {
   mount();
   ASSERT_EQ(mount_->retryDelay(), 0.005);
