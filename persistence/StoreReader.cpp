@@ -1,11 +1,16 @@
 #include "persistence/StoreReader.h"
 
 #include <fcntl.h>
+#include <locale.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <clocale>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -85,17 +90,41 @@ struct TrackedStream : rapidjson::StringStream {
 };
 
 // Checks syntax and nesting only; the walk below runs on a text that parses.
+// A JSON number's text as a double, or false when it is too big for one.
+// Numbers are converted here rather than by the parser: RapidJSON 1.1.0's
+// full-precision conversion gets some wrong ("0e-90" reads as -2.05e-143)
+// and relies on undefined behaviour on the way. strtod in the C locale is
+// correctly rounded, underflows to zero or a subnormal, and keeps -0.
+bool jsonNumber(const char* text, double* out) {
+  static const locale_t c = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  *out = ::strtod_l(text, nullptr, c);
+  return !std::isinf(*out);
+}
+
 struct DepthCheck : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, DepthCheck> {
+  explicit DepthCheck(const rapidjson::StringStream& s) : stream(s) {}
+  const rapidjson::StringStream& stream;
   std::size_t depth = 0;
+  std::size_t tooBigAt = std::string::npos;  // where a number too big for a double starts
   bool StartObject() { return ++depth <= kMaxJsonDepth; }
   bool EndObject(Json::SizeType) { return --depth, true; }
   bool StartArray() { return ++depth <= kMaxJsonDepth; }
   bool EndArray(Json::SizeType) { return --depth, true; }
+  // The parser hands the number's text, NUL-terminated. It reads a number
+  // from a copy of a plain string stream, so the stream still stands at
+  // the number's start.
+  bool RawNumber(const char* text, Json::SizeType, bool) {
+    double v;
+    if (jsonNumber(text, &v)) return true;
+    tooBigAt = stream.Tell();
+    return false;
+  }
 };
 
-// Iterative: the parser's own recursion would follow the nesting.
+// Iterative: the parser's own recursion would follow the nesting. Numbers
+// come as text, for jsonNumber.
 constexpr unsigned kParseFlags =
-    rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag;
+    rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
 
 enum Member { kAgentName, kMessageGroup, kTimestamp, kMessage, kOther };
 constexpr const char* kMemberNames[] = {"agentName", "messageGroup", "timestamp", "message"};
@@ -156,11 +185,12 @@ class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
     }
     return memberDone();
   }
-  bool Int(int v) { return number(v); }
-  bool Uint(unsigned v) { return number(v); }
-  bool Int64(std::int64_t v) { return number(static_cast<double>(v)); }
-  bool Uint64(std::uint64_t v) { return number(static_cast<double>(v)); }
-  bool Double(double v) { return number(v); }
+  // The syntax check has refused any number too big for a double.
+  bool RawNumber(const char* text, Json::SizeType, bool) {
+    double v = 0;
+    jsonNumber(text, &v);
+    return number(v);
+  }
   bool Default() { return begin(Kind::other) && (state_ != State::memberTaken || memberDone()); }
 
   // After the parse: what only the whole file shows.
@@ -416,15 +446,19 @@ class Reading {
  private:
   bool checkSyntax(const JsonPart& part) {
     rapidjson::StringStream stream(part.text().c_str());
-    DepthCheck check;
+    DepthCheck check(stream);
     Json::Reader reader;
     const rapidjson::ParseResult result = reader.Parse<kParseFlags>(stream, check);
     if (!result) {
+      const bool tooBig = check.tooBigAt != std::string::npos;
       const std::string why =
-          result.Code() == rapidjson::kParseErrorTermination
-              ? "JSON nested deeper than " + std::to_string(kMaxJsonDepth) + " levels"
-              : std::string("JSON syntax error: ") + rapidjson::GetParseError_En(result.Code());
-      reading_.problems.push_back({StoreFault::badJson, part.fileOffset(result.Offset()), why});
+          result.Code() != rapidjson::kParseErrorTermination
+              ? std::string("JSON syntax error: ") + rapidjson::GetParseError_En(result.Code())
+          : tooBig ? std::string("JSON syntax error: ") +
+                         rapidjson::GetParseError_En(rapidjson::kParseErrorNumberTooBig)
+                   : "JSON nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
+      const std::size_t at = tooBig ? check.tooBigAt : result.Offset();
+      reading_.problems.push_back({StoreFault::badJson, part.fileOffset(at), why});
       return false;
     }
     // The parser takes a NUL byte for the end of its input, as a restore

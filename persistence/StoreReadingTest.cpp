@@ -3,6 +3,7 @@
 // restore appends; and the JSON of one entry as programs receive it.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -183,6 +184,38 @@ TEST(StoreReadingTest, AMissingFileIsACannotReadProblem) {
 }
 
 // ---- The JSON of one entry for programs: valid JSON, nothing lost
+
+// Timestamps read as written, correctly rounded, including texts a save
+// never writes; a number no double holds is malformed where it starts.
+TEST(StoreReadingTest, TimestampTextsReadCorrectlyRoundedAndTooBigIsMalformed) {
+  const struct {
+    const char* text;
+    double value;
+  } kRead[] = {{"0e-90", 0.0},
+               {"-0", -0.0},
+               {"1e-400", 0.0},
+               {"4.9e-324", 5e-324},
+               {"1.8e308", -1},
+               {"1E2", 100.0},
+               {"123456789012345678901234567890", 1.2345678901234568e29},
+               {"0.30000000000000004", 0.1 + 0.2}};
+  for (const auto& c : kRead) {
+    SCOPED_TRACE(c.text);
+    KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
+    const std::string store =
+        KronlogTesting::storeOf(KronlogTesting::storeMembers(c.text, "\"a\"", "\"g\"", "\"m\""));
+    const KronlogStore::StoreReading r = KronlogStore::readStore(store, *status);
+    if (c.value == -1) {  // too big
+      ASSERT_EQ(r.problems.size(), 1u);
+      EXPECT_EQ(r.problems[0].text, "JSON syntax error: Number too big to be stored in double.");
+      EXPECT_EQ(r.problems[0].offset, store.find(c.text));
+      continue;
+    }
+    ASSERT_TRUE(r.complete());
+    const double got = status->logIterConst()->value()->timestamp();
+    EXPECT_EQ(std::memcmp(&got, &c.value, sizeof got), 0) << got;
+  }
+}
 
 // JSONTestSuite's parsing cases as the JSON part of a store file: every
 // y_ document is well-formed (its shape is then judged), every n_ document
