@@ -44,13 +44,20 @@ Seen parseJsonl(const std::string& text) {
   return seen;
 }
 
+// `waitFor N TEXT`: waits (at most 20 s) until $D/f holds TEXT N times, so
+// a script moves on when the follower has printed, not after a guess.
+constexpr char kWaitFor[] =
+    "waitFor() { for i in $(seq 200); do\n"
+    "  [ \"$(grep -o \"$2\" $D/f 2>/dev/null | wc -l)\" -ge \"$1\" ] && return; sleep 0.1; done; "
+    "}\n";
+
 class ToolLiveTest : public ::testing::Test {
  protected:
   // Runs `script` with K (the tool) and D (a scratch directory) set; what
   // it prints to standard output.
   std::string sh(const std::string& script) {
-    KronlogTesting::writeFile(dir_.pathIn("run.sh"),
-                              "K='" KRONLOG_TOOL "'\nD='" + dir_.path() + "'\n" + script);
+    KronlogTesting::writeFile(dir_.pathIn("run.sh"), "K='" KRONLOG_TOOL "'\nD='" + dir_.path() +
+                                                         "'\n" + kWaitFor + script);
     return KronlogTesting::commandOutput("sh '" + dir_.pathIn("run.sh") + "'");
   }
   std::string file(const std::string& name) { return KronlogTesting::readFile(dir_.pathIn(name)); }
@@ -64,7 +71,7 @@ class ToolLiveTest : public ::testing::Test {
 TEST_F(ToolLiveTest, EventsPlusSlowLossesAddUpAcrossAStoppedFollower) {
   std::string rc =
       sh("$K follow --socket $D/s --exit-on-close --output jsonl > $D/f 2> $D/e & F=$!\n"
-         "(sleep 0.3; seq -f '%060g' 1 10000; sleep 0.3; kill -STOP $F;\n"
+         "(sleep 1; seq -f '%060g' 1 10000; sleep 0.3; kill -STOP $F;\n"
          " seq -f '%060g' 10001 20000; sleep 0.5; kill -CONT $F) |\n"
          "  $K emit --agent a --group g --socket $D/s --size 100\n"
          "echo emit=$?; wait $F; echo follow=$?\n");
@@ -87,9 +94,9 @@ TEST_F(ToolLiveTest, EventsPlusSlowLossesAddUpAcrossAStoppedFollower) {
 TEST_F(ToolLiveTest, FollowerStartsOverWhenTheAgentIsRestarted) {
   std::string rc =
       sh("$K follow --socket $D/s --output jsonl > $D/f 2> $D/e & F=$!\n"
-         "(sleep 0.3; seq 1 5) | $K emit --agent a --group g --socket $D/s\n"
-         "(sleep 0.3; seq 101 103) | $K emit --agent a --group g --socket $D/s\n"
-         "sleep 0.5; kill -TERM $F; wait $F; echo follow=$?\n");
+         "(sleep 1; seq 1 5) | $K emit --agent a --group g --socket $D/s\n"
+         "(sleep 1; seq 101 103) | $K emit --agent a --group g --socket $D/s\n"
+         "waitFor 8 '\"index\"'; kill -TERM $F; wait $F; echo follow=$?\n");
   EXPECT_EQ(rc, "follow=0\n");
   Seen seen = parseJsonl(file("f"));
   EXPECT_EQ(seen.events,
@@ -102,7 +109,7 @@ TEST_F(ToolLiveTest, FollowerStartsOverWhenTheAgentIsRestarted) {
 // A full keep-first writer refuses; the follower says how many, in words.
 TEST_F(ToolLiveTest, RefusedEventsAreOverflowLines) {
   sh("$K follow --socket $D/s --exit-on-close > $D/f & F=$!\n"
-     "(sleep 0.3; seq 1 10) | $K emit --agent a --group g --socket $D/s --size 4 --keep first\n"
+     "(sleep 1; seq 1 10) | $K emit --agent a --group g --socket $D/s --size 4 --keep first\n"
      "wait $F\n");
   const std::string out = file("f");
   std::smatch m;
@@ -124,7 +131,7 @@ TEST_F(ToolLiveTest, LinesKeepsTheLastEventsAndSigtermClosesTheOutput) {
   std::string rc =
       sh("(seq 1 10; sleep 3) | $K emit --agent a --group g --socket $D/s & E=$!\n"
          "sleep 0.3; $K follow --socket $D/s -n 3 --output json > $D/f & F=$!\n"
-         "sleep 0.5; kill -TERM $F; wait $F; echo follow=$?; kill $E\n");
+         "waitFor 3 '\"index\"'; kill -TERM $F; wait $F; echo follow=$?; kill $E\n");
   EXPECT_EQ(rc, "follow=0\n");
   static const std::regex kArray(
       R"(^\[\{[^}]*"message":"8","index":7\},\{[^}]*"message":"9","index":8\},)"
@@ -138,9 +145,9 @@ TEST_F(ToolLiveTest, LinesKeepsTheLastEventsAndSigtermClosesTheOutput) {
 TEST_F(ToolLiveTest, CollectorSavesEveryAgentAlsoOneThatWentAway) {
   std::string rc =
       sh("$K collect --socket $D/a --socket $D/b --store $D/store --every 0.2 2> $D/e & C=$!\n"
-         "(sleep 0.3; seq 1 3) | $K emit --agent A --group g --socket $D/a\n"
-         "(sleep 0.3; seq 4 5; sleep 2) | $K emit --agent B --group h --socket $D/b & B=$!\n"
-         "sleep 1; kill -TERM $C; wait $C; echo collect=$?; kill $B\n"
+         "(sleep 1; seq 1 3) | $K emit --agent A --group g --socket $D/a\n"
+         "(sleep 1; seq 4 5; sleep 5) | $K emit --agent B --group h --socket $D/b & B=$!\n"
+         "sleep 3; kill -TERM $C; wait $C; echo collect=$?; kill $B\n"
          "$K check --store $D/store > /dev/null; echo check=$?\n"
          "$K show --store $D/store --fields agent,group,message\n");
   EXPECT_EQ(rc, "collect=0\ncheck=0\nA g 1\nA g 2\nA g 3\nB h 4\nB h 5\n") << file("e");

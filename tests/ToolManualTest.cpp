@@ -86,6 +86,8 @@ TEST(ToolManualTest, BashCompletesEveryOptionOfHelpAndNoOther) {
   }
   EXPECT_EQ(completions("kronlog sh", 1), std::set<std::string>{"show"});
   EXPECT_EQ(completions("kronlog show -o j", 3), (std::set<std::string>{"json", "jsonl"}));
+  EXPECT_EQ(completions("kronlog follow -o ''", 3),
+            (std::set<std::string>{"short", "json", "jsonl"}));
 }
 
 }  // namespace

@@ -15,7 +15,11 @@ _kronlog() {
       COMPREPLY=($(compgen -f -- "$cur"))
       return ;;
     -o|--output)
-      COMPREPLY=($(compgen -W "short cat json jsonl" -- "$cur"))
+      if [ "$command" = follow ]; then
+        COMPREPLY=($(compgen -W "short json jsonl" -- "$cur"))
+      else
+        COMPREPLY=($(compgen -W "short cat json jsonl" -- "$cur"))
+      fi
       return ;;
     --fields)
       COMPREPLY=($(compgen -W "time agent group message time,agent,group,message" -- "$cur"))
