@@ -164,9 +164,17 @@ void JsonStore::doRestore() {
   // Read whole and once: the path may name a FIFO or a device.
   std::string bytes;
   bool opened = false;
-  readWholeFile(path, &bytes, &opened);
+  const int error = readWholeFile(path, &bytes, &opened);
   if (!opened) {
     KRONLOG_TRACE(0, kFile, 102, "doRestore", << kJsonDoRestore << " Could not open " << path);
+    return;
+  }
+  if (error != 0) {
+    // What was read before the failure is a cut-off document: parsed, it
+    // would end the process as a malformed store would. An unreadable store
+    // is a traced refusal, like one that cannot be opened.
+    KRONLOG_TRACE(0, kFile, 103, "doRestore",
+                  << kJsonDoRestore << " Could not read " << path << ": " << std::strerror(error));
     return;
   }
   const StoreReading reading = readStoreBytes(bytes, *events(), Tracing::asRestore);
