@@ -1,15 +1,12 @@
 // Tests of the JSON store driver: the bytes and traces of a save, what a
 // restore accepts, refuses and dies on, reflection, and that a save replaces
-// the store whole or not at all (also when the saving process is killed).
+// the store whole or not at all (faults injected mid-save: SaveFaultTest).
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cfloat>
 #include <cmath>
-#include <csignal>
 #include <limits>
 #include <string>
 #include <tuple>
@@ -332,24 +329,6 @@ TEST_F(StoreReplaceTest, ATakenTemporaryNameKeepsThePreviousStore) {
   EXPECT_TRUE(fs::is_empty(temporary));
 }
 
-TEST_F(StoreReplaceTest, AFailedWriteKeepsThePreviousStoreAndRemovesTheTemporaryFile) {
-  rlimit old = {};
-  ::getrlimit(RLIMIT_FSIZE, &old);
-  rlimit lowered = old;
-  lowered.rlim_cur = 40;  // with SIGXFSZ ignored, a write past it fails with EFBIG
-  const sighandler_t handler = ::signal(SIGXFSZ, SIG_IGN);
-  ::setrlimit(RLIMIT_FSIZE, &lowered);
-  store(kNext);
-  ::setrlimit(RLIMIT_FSIZE, &old);
-  ::signal(SIGXFSZ, handler);
-  EXPECT_EQ(readStoreFile(), previous_);
-  EXPECT_EQ(directoryEntries(dir()), std::vector<std::string>{"store"});
-  std::vector<Seen> expected = saved(storePath(), 2);
-  expected.push_back(saving(
-      0, 70, " Could not write " + storePath() + ": File too large; the previous store is kept"));
-  EXPECT_EQ(traces(), expected);
-}
-
 TEST_F(StoreReplaceTest, ASymbolicLinkIsWrittenThroughAndStaysALink) {
   const std::string link = pathIn("link"), target = pathIn("target");
   writeFile(target, previous_);
@@ -381,50 +360,6 @@ TEST_F(StoreReplaceTest, TheModeOfTheStoreIsKept) {
     EXPECT_EQ(fs::status(storePath()).permissions(), static_cast<fs::perms>(mode));
   }
   ::umask(savedMask);
-}
-
-// A save killed at any moment leaves the previous store or the new one, each
-// complete: a child saves two large generations in turn until it is killed.
-TEST_F(StoreTest, AKilledSaveLeavesACompleteStore) {
-  traceLevels(0);
-  KronlogReader::Status::Ptr generations[2];
-  std::string bytes[2];
-  for (int g = 0; g < 2; ++g) {
-    std::vector<Row> rows;
-    for (int k = 0; k < 20000; ++k) {
-      rows.push_back({"agent" + std::to_string(k % 7), "group" + std::to_string(k % 13),
-                      1700000000.0 + k * 0.001 + g,
-                      "generation " + std::to_string(g) + " entry " + std::to_string(k) +
-                          " with some text to make the store large"});
-    }
-    generations[g] = statusOf(rows);
-    KronlogStore::jsonStoreFactory(generations[g])->doStore();
-    bytes[g] = readStoreFile();
-  }
-  int interrupted = 0;
-  for (int delayMs : {200, 260, 330, 410, 490}) {
-    SCOPED_TRACE(delayMs);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      try {
-        for (int g = 0;; g ^= 1) KronlogStore::jsonStoreFactory(generations[g])->doStore();
-      } catch (...) {
-      }
-      std::_Exit(1);
-    }
-    ::usleep(delayMs * 1000);
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "saver ended early";
-    // The killed save's temporary file shows that the kill did land in a save.
-    if (fs::remove(storePath() + "." + std::to_string(child) + ".tmp")) ++interrupted;
-    const std::string now = readStoreFile();
-    ASSERT_TRUE(now == bytes[0] || now == bytes[1]) << now.size() << " bytes, neither generation";
-  }
-  EXPECT_GT(interrupted, 0) << "no kill interrupted a save, so nothing was shown";
-  EXPECT_EQ(directoryEntries(dir()), std::vector<std::string>{"store"});
 }
 
 }  // namespace
