@@ -146,6 +146,19 @@ TEST_F(ToolTest, CheckAcceptsAGoodStoreAndCountsPerGroup) {
   EXPECT_NE(r.out.find("ok: restorable"), std::string::npos);
 }
 
+// Short names are padded to columns of 24; longer ones are shown whole.
+TEST_F(ToolTest, CheckListsEveryGroupWithItsWholeNamesAndCount) {
+  const std::string agent(200, 'a'), group(150, 'g');
+  writeStore("s", {storeEntry(1, agent, group, "x"), storeEntry(2, agent, group, "y"),
+                   storeEntry(3, "B", "h", "z")});
+  Result r = kronlog({"check", "--store", path("s")});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("\n  " + agent + " " + group + " 2\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\n  B" + std::string(23, ' ') + " h" + std::string(23, ' ') + " 1\n"),
+            std::string::npos)
+      << r.out;
+}
+
 const std::string kHead = KronlogTesting::kStoreHeader;
 const std::string kGood = storeEntry("2", "a", "g", "m");
 
@@ -240,6 +253,22 @@ TEST_F(ToolTest, AWriteErrorIsReportedAndExits1) {
   Result r = kronlog({"show", "--store", path("s")}, {{}, "", "/dev/full"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "kronlog show: cannot write the output: No space left on device\n");
+}
+
+// Help and the version are output like any other: a full device fails them.
+TEST_F(ToolTest, HelpAndVersionThatCannotBeWrittenExit1WithTheReason) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"--help"}, "kronlog help: "},
+      {{"help", "show"}, "kronlog help: "},
+      {{"show", "--help"}, "kronlog show: "},
+      {{"--version"}, "kronlog --version: "},
+  };
+  for (const auto& [args, prefix] : cases) {
+    SCOPED_TRACE(args.back());
+    Result r = kronlog(args, {{}, "", "/dev/full"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, prefix + "cannot write the output: No space left on device\n");
+  }
 }
 
 TEST_F(ToolTest, AClosedPipeEndsQuietly) {

@@ -94,12 +94,19 @@ int usageError(const char* command, const std::string& message) {
   return kExitUsage;
 }
 
+int printText(const char* command, const std::string& text) {
+  Sink out(1);
+  out.write(text);
+  if (!out.flush() && out.error() != 0) {
+    dataError(command, std::string("cannot write the output: ") + std::strerror(out.error()));
+    return kExitData;
+  }
+  return kExitOk;
+}
+
 int startCommand(const char* command, const char* usage, const Args& args, Options& options) {
   for (const std::string& a : args) {
-    if (a == "--help" || a == "-h") {
-      std::fputs(usage, stdout);
-      return kExitOk;
-    }
+    if (a == "--help" || a == "-h") return printText(command, usage);
   }
   return options.parse(args) ? -1 : usageError(command, options.error());
 }
@@ -208,13 +215,17 @@ int checkCommand(const Args& args) {
   for (auto it = store.entries->logIterConst(); it; ++it) {
     ++perGroup[{it->value()->agentName().stdString(), it->value()->messageGroup().stdString()}];
   }
-  char line[160];
-  std::snprintf(line, sizeof line, ": %zu events, %zu entries on restore\n", r.events, r.entries);
-  out.write(escapeForTerminal(displayName(store)) + line);
+  out.write(escapeForTerminal(displayName(store)) + ": " + std::to_string(r.events) + " events, " +
+            std::to_string(r.entries) + " entries on restore\n");
+  // Names of any length, whole: columns of 24, wider where a name is longer.
+  const auto column = [](const std::string& name) {
+    std::string text = escapeForTerminal(name);
+    if (text.size() < 24) text.resize(24, ' ');
+    return text;
+  };
   for (const auto& [names, count] : perGroup) {
-    std::snprintf(line, sizeof line, "  %-24s %-24s %zu\n", escapeForTerminal(names.first).c_str(),
-                  escapeForTerminal(names.second).c_str(), count);
-    out.write(line);
+    out.write("  " + column(names.first) + " " + column(names.second) + " " +
+              std::to_string(count) + "\n");
   }
   for (const KronlogStore::StoreProblem& w : r.warnings) {
     out.write("warning: byte " + std::to_string(w.offset) + ": " + escapeForTerminal(w.text) +

@@ -24,6 +24,9 @@ class Options;
 int startCommand(const char* command, const char* usage, const Args& args, Options& options);
 // Reports a usage error of `command` on stderr; returns 2.
 int usageError(const char* command, const std::string& message);
+// Writes `text` (help, the version) to standard output and checks it:
+// kExitOk, also when the reader went away, else kExitData with the reason.
+int printText(const char* command, const std::string& text);
 
 int showCommand(const Args& args);
 int checkCommand(const Args& args);

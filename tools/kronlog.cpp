@@ -27,10 +27,7 @@
 namespace {
 
 int help(const std::vector<std::string>& args) {
-  if (args.empty()) {
-    std::fputs(KronlogTool::kUsage, stdout);
-    return KronlogTool::kExitOk;
-  }
+  if (args.empty()) return KronlogTool::printText("help", KronlogTool::kUsage);
   const std::string& topic = args.front();
   const char* text = topic == "show"      ? KronlogTool::kShowUsage
                      : topic == "check"   ? KronlogTool::kCheckUsage
@@ -44,8 +41,7 @@ int help(const std::vector<std::string>& args) {
                  KronlogTool::escapeForTerminal(topic).c_str());
     return KronlogTool::kExitUsage;
   }
-  std::fputs(text, stdout);
-  return KronlogTool::kExitOk;
+  return KronlogTool::printText("help", text);
 }
 
 }  // namespace
@@ -65,8 +61,8 @@ int main(int argc, char** argv) {
     if (command == "--help" || command == "-h") return help({});
     if (command == "help") return help(args);
     if (command == "--version") {
-      std::printf("kronlog %s (libkronlog.so.0)\n", KRONLOG_VERSION);
-      return KronlogTool::kExitOk;
+      return KronlogTool::printText(
+          "--version", std::string("kronlog ") + KRONLOG_VERSION + " (libkronlog.so.0)\n");
     }
     if (command == "show") return KronlogTool::showCommand(args);
     if (command == "check") return KronlogTool::checkCommand(args);
