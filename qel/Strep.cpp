@@ -275,7 +275,10 @@ void strepToRawPtr(StrepIt& it, const StrepIt& end, PtrInterface** out) {
   if (r.ec != std::errc()) malformed("a hexadecimal address", at, end);
   p = r.ptr;
   if (p == end || *p != '>') malformed("'>'", p, end);
-  PtrInterface* object = Entity::liveEntity(reinterpret_cast<const void*>(address));
+  // The text form names an object by its address; it is looked up among the
+  // live entities before it is used, never dereferenced as it stands.
+  PtrInterface* object = Entity::liveEntity(
+      reinterpret_cast<const void*>(address));  // NOLINT(performance-no-int-to-ptr)
   if (!object) {
     throw RangeException(String("no live entity at 0x" + std::string(at, r.ptr)));
   }

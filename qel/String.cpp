@@ -27,6 +27,8 @@ String::String(const char* data, std::size_t size) : rep_(nullptr) {
   rep_->chars[size] = '\0';
 }
 
+// Self-assignment finds the same representation and changes nothing.
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment,cert-oop54-cpp)
 String& String::operator=(const String& o) noexcept {
   if (rep_ != o.rep_) {
     o.newRef();

@@ -38,7 +38,7 @@ constexpr char kStoreVariable[] = "KRONLOG_STORE_FILE_PATH";
 void execWithStore(const std::string& store, const Args& args) {
   std::vector<std::string> env = {std::string(kStoreVariable) + "=" + store};
   for (char** e = environ; *e; ++e) {
-    if (std::string(*e).rfind(std::string(kStoreVariable) + "=", 0) != 0) env.push_back(*e);
+    if (std::string(*e).rfind(std::string(kStoreVariable) + "=", 0) != 0) env.emplace_back(*e);
   }
   std::vector<std::string> argvText = {"kronlog", "collect"};
   argvText.insert(argvText.end(), args.begin(), args.end());

@@ -67,7 +67,7 @@ void record(const KronlogWriter::Writer::Ptr& w, double at, const std::string& t
 int runStage(const char* command, const std::string& store, double start) {
   std::vector<std::string> env = {"KRONLOG_STORE_FILE_PATH=" + store};
   for (char** e = environ; *e; ++e) {
-    if (std::string(*e).rfind("KRONLOG_STORE_FILE_PATH=", 0) != 0) env.push_back(*e);
+    if (std::string(*e).rfind("KRONLOG_STORE_FILE_PATH=", 0) != 0) env.emplace_back(*e);
   }
   std::vector<std::string> args = {"kronlog", command, std::to_string(start)};
   std::vector<char*> argv, envp;

@@ -25,7 +25,7 @@ const std::vector<OptionSpec> kEmitOptions = {
 
 // Events are short texts; a longer line is cut here, so that every event
 // fits one stream record with room to spare.
-constexpr std::size_t kMaxEventBytes = 64 * 1024;
+constexpr std::size_t kMaxEventBytes = std::size_t{64} * 1024;
 // How long the end of input waits for followers to receive everything.
 constexpr double kDrainSeconds = 10;
 
@@ -93,7 +93,7 @@ int emitCommand(const Args& args) {
     }
   }
   long long size = 10;
-  if (options.has("size") && (!parseCount(options.value("size"), &size) || size > 0xFFFFFFFFll)) {
+  if (options.has("size") && (!parseCount(options.value("size"), &size) || size > 0xFFFFFFFFLL)) {
     return usageError("emit", "bad --size '" + options.value("size") +
                                   "': expected a number of events, 0 to 4294967295");
   }

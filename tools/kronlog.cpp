@@ -49,7 +49,8 @@ int help(const std::vector<std::string>& args) {
 int main(int argc, char** argv) {
   // A reader that goes away (kronlog show | head) shows up as a failed
   // write, which ends the output quietly, not as a signal.
-  std::signal(SIGPIPE, SIG_IGN);
+  // (Ignoring a signal cannot fail for SIGPIPE.)
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) {
     std::fputs(KronlogTool::kUsage, stderr);

@@ -70,7 +70,7 @@ void WriterDirFollower::onWriter(const Qel::Name& name) {
 
 void WriterDirFollower::follow(const Qel::Name& name, const Writer::Ptr& writer) {
   std::unique_ptr<One>& one = followers_[name.stdString()];
-  if (!one) one.reset(new One(this, name, start_));
+  if (!one) one = std::make_unique<One>(this, name, start_);
   one->writerIs(writer);
 }
 

@@ -405,10 +405,10 @@ Qel::StreamServer::Ptr writerDirServe(Qel::EventLoop* loop, const WriterDir::Ptr
                                       const Qel::String& path) {
   Qel::String where = path.empty() ? writerDirSocketPath(dir->name()) : path;
   socketDirectoryIs(where.stdString());
-  WriterDir::Ptr held = dir;
-  return new Qel::StreamServer(loop, where, [held](Qel::Connection* c) -> Qel::StreamAdapter::Ptr {
-    return new WriterDirNboAttrLogAdapter(c, held.ptr());
-  });
+  return new Qel::StreamServer(loop, where,
+                               [held = dir](Qel::Connection* c) -> Qel::StreamAdapter::Ptr {
+                                 return new WriterDirNboAttrLogAdapter(c, held.ptr());
+                               });
 }
 
 WriterDirMount::WriterDirMount(Qel::EventLoop* loop, const Qel::Ptr<Qel::Dir>& into,

@@ -75,10 +75,12 @@ class QEL_EXPORT Entity : public PtrInterface {
   void qelHashKeyFreeze() { qelKey_ = name_; }
   Entity* qelHashValue() noexcept { return this; }
 
- protected:
-  explicit Entity(Name name);
+ public:
   Entity(const Entity&) = delete;
   Entity& operator=(const Entity&) = delete;
+
+ protected:
+  explicit Entity(Name name);
   ~Entity() override;
 
  private:

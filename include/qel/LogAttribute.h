@@ -113,11 +113,13 @@ class LogAttribute {
     for (LogIterator it = log_.iterator(); it; ++it) logDel(it);
   }
 
+ public:
+  LogAttribute(const LogAttribute&) = delete;
+  LogAttribute& operator=(const LogAttribute&) = delete;
+
  protected:
   LogAttribute() = default;
   ~LogAttribute() = default;
-  LogAttribute(const LogAttribute&) = delete;
-  LogAttribute& operator=(const LogAttribute&) = delete;
 
   void notify(unsigned int index) { static_cast<Owner*>(this)->logNotify(index); }
   // Links `m`, a member of no queue, at the next index and notifies: what

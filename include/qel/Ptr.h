@@ -33,7 +33,10 @@ class QEL_EXPORT PtrInterface : public VFPtrInterface {
   PtrInterface() noexcept : references_(0) {}
   // A copy is a new object: it starts with no references of its own.
   PtrInterface(const PtrInterface&) noexcept : references_(0) {}
-  PtrInterface& operator=(const PtrInterface&) noexcept { return *this; }
+  // Assignment keeps the object's own count, whatever is assigned.
+  PtrInterface& operator=(const PtrInterface&) noexcept {  // NOLINT(cert-oop54-cpp)
+    return *this;
+  }
 
   // Virtual slots shared by every framework object, in slot order.
   // The object's notifiee list, or null when it has no notifications.
@@ -110,6 +113,8 @@ class Ptr {
     if (p_) p_->deleteRef();
   }
 
+  // Copy and swap: the copy holds a count while the old pointer is let go.
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment,cert-oop54-cpp)
   Ptr& operator=(const Ptr& o) noexcept {
     Ptr(o).swap(*this);
     return *this;
