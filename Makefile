@@ -3,11 +3,12 @@
 #   make demo    install what is missing, build, run the end-to-end demo
 #   make bench   build and run the benchmarks (with the peers they compare to)
 #   make fuzz    build the fuzz targets with clang and run each FUZZ_SECONDS (60)
+#   make tidy    run clang-tidy (.clang-tidy) over the libraries and the tool
 BUILD ?= build
 CMAKE_ARGS ?=
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: test demo bench fuzz clean
+.PHONY: test demo bench fuzz tidy clean
 
 test:
 	@scripts/ensure-deps.sh test
@@ -33,6 +34,15 @@ fuzz:
 	@scripts/ensure-deps.sh fuzz
 	cmake -S . -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKRONLOG_BUILD_FUZZERS=ON -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_TOOLS=OFF -DKRONLOG_INSTALL=OFF -DKRONLOG_FUZZ_SECONDS=$(FUZZ_SECONDS) $(CMAKE_ARGS)
 	cmake --build $(BUILD)-fuzz -j$(JOBS) --target fuzz
+
+# The sources of libqel, libkronlog and the kronlog command, tests left out.
+# clang-tidy reads the flags from the build tree's compile_commands.json, so
+# configuring is enough; .clang-tidy turns every warning into an error.
+TIDY_SOURCES = $(shell find qel writer reader persistence support tools -name '*.cpp' ! -name '*Test.cpp' | sort)
+tidy:
+	@scripts/ensure-deps.sh tidy
+	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
+	run-clang-tidy-14 -quiet -j$(JOBS) -p $(BUILD) $(abspath $(TIDY_SOURCES))
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages a build needs, if any is missing.
-#   scripts/ensure-deps.sh [test] [bench] [m32] [fuzz]
+#   scripts/ensure-deps.sh [test] [bench] [m32] [fuzz] [tidy]
 # As root it runs apt-get; otherwise it prints the command to run and fails.
 set -eu
 
@@ -11,6 +11,7 @@ for profile in "$@"; do
     bench) pkgs="$pkgs libbenchmark-dev libspdlog-dev" ;;
     m32) pkgs="$pkgs g++-multilib googletest" ;;
     fuzz) pkgs="$pkgs clang-14 libfuzzer-14-dev" ;;
+    tidy) pkgs="$pkgs clang-tidy-14" ;;
     *) echo "ensure-deps: unknown profile '$profile'" >&2; exit 2 ;;
   esac
 done
