@@ -101,10 +101,13 @@ TEST_F(TimeArgTest, EveryFormPeopleType) {
   }
 }
 
+// A span before now whose weeks are too many for a double.
+const std::string kInfiniteSpan = "-1" + std::string(308, '0') + "w";
+
 TEST_F(TimeArgTest, WhatIsNoTimeIsRefusedWithTheFormsInTheMessage) {
-  for (const char* text :
-       {"", "soon", "2026-02-31", "2026-13-01", "2026-11-21T25:00Z", "2026-11-21T10:00:00+2",
-        "2026-11-21T10:00:00Zjunk", "-1x", "-1h30", "1e999", "nan", "2026-11-21 10", "--1h"}) {
+  for (const char* text : {"", "soon", "2026-02-31", "2026-13-01", "2026-11-21T25:00Z",
+                           "2026-11-21T10:00:00+2", "2026-11-21T10:00:00Zjunk", "-1x", "-1h30",
+                           "1e999", "nan", "2026-11-21 10", "--1h", kInfiniteSpan.c_str()}) {
     SCOPED_TRACE(text);
     double out = 7;
     std::string error;
@@ -124,6 +127,15 @@ TEST_F(TimeArgTest, OutputIsUtcWithZOrLocalWithItsOffset) {
   };
   for (const auto& [seconds, local, text] : cases) {
     EXPECT_EQ(formatTime(seconds, local), text);
+  }
+}
+
+// Beyond time_t (1e300, -1e19) and beyond the calendar's years (1e17).
+TEST_F(TimeArgTest, ATimePastAnyCalendarIsPrintedAsItsNumber) {
+  for (double seconds : {1e300, -1e19, 1e17}) {
+    SCOPED_TRACE(seconds);
+    EXPECT_EQ(formatTime(seconds), std::to_string(seconds));
+    EXPECT_EQ(formatTime(seconds, true), std::to_string(seconds));
   }
 }
 

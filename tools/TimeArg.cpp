@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 namespace KronlogTool {
 
@@ -119,6 +120,8 @@ bool parseRelative(const std::string& s, double now, double* out) {
     if (!unit || *unit == '\0') return false;
     total += amount * kSeconds[unit - kUnits];
   }
+  // Enough digits make the span infinite, which is no time at all.
+  if (!std::isfinite(total)) return false;
   *out = now - total;
   return true;
 }
@@ -154,6 +157,12 @@ bool parseTime(const std::string& text, double now, double* out, std::string* er
 std::string formatTime(double seconds, bool local) {
   if (!std::isfinite(seconds)) return seconds > 0 ? "+inf" : (seconds < 0 ? "-inf" : "nan");
   const double whole = std::floor(seconds);
+  // Beyond time_t the conversion below is undefined; no calendar names such
+  // a time anyway.
+  if (whole < static_cast<double>(std::numeric_limits<time_t>::min()) ||
+      whole >= -static_cast<double>(std::numeric_limits<time_t>::min())) {
+    return std::to_string(seconds);
+  }
   long long micros = std::llround((seconds - whole) * 1e6);
   time_t secs = static_cast<time_t>(whole);
   if (micros >= 1000000) {
