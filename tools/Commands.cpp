@@ -15,31 +15,14 @@
 #include "tools/Options.h"
 #include "tools/Output.h"
 #include "tools/Pager.h"
+#include "tools/ShowArgs.h"
 #include "tools/Sink.h"
 #include "tools/StoreView.h"
-#include "tools/TimeArg.h"
 #include "tools/Usage.h"
 
 namespace KronlogTool {
 
 namespace {
-
-const std::vector<OptionSpec> kShowOptions = {
-    {"store", 0, true, true},
-    {"agent", 0, true, true},
-    {"group", 0, true, true},
-    {"grep", 'g', true, false},
-    {"case-insensitive", 'i', false, false},
-    {"since", 0, true, false},
-    {"until", 0, true, false},
-    {"lines", 'n', true, false},
-    {"reverse", 'r', false, false},
-    {"output", 'o', true, false},
-    {"fields", 0, true, false},
-    {"localtime", 0, false, false},
-    {"no-color", 0, false, false},
-    {"no-pager", 0, false, false},
-};
 
 const std::vector<OptionSpec> kCheckOptions = {{"store", 0, true, false}};
 
@@ -112,44 +95,16 @@ int startCommand(const char* command, const char* usage, const Args& args, Optio
 }
 
 int showCommand(const Args& args) {
-  Options options(kShowOptions);
+  Options options(showOptionSpecs());
   if (const int status = startCommand("show", kShowUsage, args, options); status >= 0) {
     return status;
   }
-
-  Filter filter;
-  filter.agents = options.values("agent");
-  filter.groups = options.values("group");
-  filter.grep = options.value("grep");
-  filter.caseInsensitive = options.has("case-insensitive");
-  const double now = Qel::utcNow();
+  ShowArgs show;
   std::string error;
-  using TimeOption = std::pair<const char*, double*>;
-  for (const auto& [name, out] :
-       std::initializer_list<TimeOption>{{"since", &filter.since}, {"until", &filter.until}}) {
-    if (options.has(name) && !parseTime(options.value(name), now, out, &error)) {
-      return usageError("show", std::string("--") + name + ": " + error);
-    }
-  }
-  long long lines = -1;
-  if (options.has("lines") && !parseCount(options.value("lines"), &lines)) {
-    return usageError("show", "bad --lines '" + options.value("lines") +
-                                  "': expected a number of events, 0 or more");
-  }
-  OutputOptions output;
-  if (!parseOutputMode(options.value("output", "short"), &output.mode)) {
-    return usageError("show", "bad --output '" + options.value("output") +
-                                  "': expected short, cat, json or jsonl");
-  }
-  if (options.has("fields")) {
-    if (output.mode != OutputMode::shortText) {
-      return usageError("show", "--fields chooses the columns of --output short");
-    }
-    if (!parseFields(options.value("fields"), &output.fields, &error)) {
-      return usageError("show", "--fields: " + error);
-    }
-  }
-  output.localTime = options.has("localtime");
+  if (!showArgsFrom(options, Qel::utcNow(), &show, &error)) return usageError("show", error);
+  OutputOptions& output = show.output;
+  const Filter& filter = show.filter;
+  const long long lines = show.lines;
   EntryFilter entryFilter;
   if (!entryFilter.compile(filter, &error)) return usageError("show", error);
 
