@@ -118,6 +118,16 @@ class SaveFaultTest : public PersistenceTest {
   std::string notOpened() const {
     return std::string(kJsonDoStore) + " Could not open " + storePath();
   }
+  // In a child: opens the store's temporary file, makes the directory
+  // read-only, then commits. True when the commit failed with EACCES.
+  bool commitAfterTheDirectoryTurnedReadOnly() {
+    dropPrivilegesKeeping(dir());
+    Kronlog::AtomicFile file;
+    const bool opened = file.open(storePath()) && ::chmod(dir().c_str(), 0555) == 0;
+    const bool committed = file.commit("new content");
+    ::chmod(dir().c_str(), 0755);
+    return opened && !committed && file.error() == std::strerror(EACCES);
+  }
 
   const std::vector<Row> previousRows_ = generation(0, 300);
   const std::vector<Row> nextRows_ = generation(1, 3000);
@@ -182,15 +192,8 @@ TEST_F(SaveFaultTest, AReadOnlyDirectoryFailsTheOpenAndKeepsThePreviousStore) {
 // The rename fails, and so does the removal of the temporary file: it stays
 // behind under the saver's process id, and the next save is not hindered.
 TEST_F(SaveFaultTest, ADirectoryTurnedReadOnlyBeforeTheRenameKeepsThePreviousStore) {
-  const std::vector<std::string> seen = inChild([this] {
-    dropPrivilegesKeeping(dir());
-    Kronlog::AtomicFile file;
-    const bool opened = file.open(storePath()) && ::chmod(dir().c_str(), 0555) == 0;
-    const bool committed = file.commit("new content");
-    ::chmod(dir().c_str(), 0755);
-    std::_Exit(opened && !committed && file.error() == std::strerror(EACCES) ? 0 : 4);
-  });
-  EXPECT_EQ(seen, std::vector<std::string>{}) << "the commit did not fail with EACCES";
+  const auto body = [this] { std::_Exit(commitAfterTheDirectoryTurnedReadOnly() ? 0 : 4); };
+  EXPECT_EQ(inChild(body), std::vector<std::string>{}) << "the commit did not fail with EACCES";
   EXPECT_EQ(readStoreFile(), previous_);
   store(nextRows_);
   EXPECT_EQ(restore(), nextRows_);
@@ -241,22 +244,30 @@ class KilledSaveTest : public SaveFaultTest {
   bool leftTemporaryFile(pid_t child) const {
     return fs::exists(storePath() + "." + std::to_string(child) + ".tmp");
   }
+  // Kills `kills` savers after random delays of up to 80 ms (the seed is
+  // printed on failure), checking the store after each; how many kills
+  // landed inside a save (their temporary file stayed), or -1 on a failure.
+  int killSaversAtRandom(int kills) {
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    int interrupted = 0;
+    for (int kill = 0; kill < kills; ++kill) {
+      const pid_t child = killSaverAfter(std::uniform_int_distribution<unsigned>(0, 80000)(random));
+      EXPECT_GT(child, 0) << "the saver ended before it was killed";
+      EXPECT_TRUE(isAGeneration(readStoreFile())) << readStoreFile().size() << " bytes, torn";
+      if (HasFailure()) return -1;
+      interrupted += leftTemporaryFile(child);
+    }
+    return interrupted;
+  }
 
   KronlogReader::Status::Ptr statuses_[2];
   std::string bytes_[2];
 };
 
 TEST_F(KilledSaveTest, EveryKillLeavesOneWholeGenerationAndTheNextSaveWorks) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  int interrupted = 0;
-  for (int kill = 0; kill < 16; ++kill) {
-    const pid_t child = killSaverAfter(std::uniform_int_distribution<unsigned>(0, 80000)(random));
-    ASSERT_GT(child, 0) << "the saver ended before it was killed";
-    ASSERT_TRUE(isAGeneration(readStoreFile())) << readStoreFile().size() << " bytes, torn";
-    interrupted += leftTemporaryFile(child);
-  }
+  const int interrupted = killSaversAtRandom(16);
   EXPECT_GT(interrupted, 0) << "no kill landed inside a save, so nothing was shown";
   store(nextRows_);
   EXPECT_EQ(restore(), nextRows_);
@@ -287,12 +298,13 @@ class FullFileSystemTest : public SaveFaultTest {
     return std::string(kJsonDoStore) + " Could not write " + smallStore() +
            ": No space left on device; the previous store is kept";
   }
-  std::vector<Seen> levelZero() const {
-    std::vector<Seen> out;
+  // The text of the last level-0 trace of the store driver.
+  std::string lastStoreTrace() const {
+    std::string last = "no trace";
     for (const Seen& s : traces()) {
-      if (s.level == 0 && s.file == "KronlogStore") out.push_back(s);
+      if (s.level == 0 && s.file == "KronlogStore") last = s.text;
     }
-    return out;
+    return last;
   }
 
   std::string mountPoint_;
@@ -303,22 +315,21 @@ TEST_F(FullFileSystemTest, AStoreLargerThanTheFileSystemKeepsThePreviousOne) {
   store(previousRows_);
   clearTraces();
   store(nextRows_);
-  EXPECT_EQ(levelZero().back().text, noSpace());
+  EXPECT_EQ(lastStoreTrace(), noSpace());
   EXPECT_EQ(readFile(smallStore()), previous_);
   EXPECT_EQ(directoryEntries(mountPoint_), std::vector<std::string>{"store"});
 }
 
 // The new store is written beside the old one, so both must fit at once.
 TEST_F(FullFileSystemTest, ANewStoreNeedsRoomBesideThePreviousOne) {
-  const std::vector<Row> large = generation(2, 380), next = generation(3, 280);
-  store(large);
+  store(generation(2, 380));  // about 57 KB; the next store is about 42 KB
   const std::string before = readFile(smallStore());
-  store(next);
-  EXPECT_EQ(levelZero().back().text, noSpace());
+  store(generation(3, 280));
+  EXPECT_EQ(lastStoreTrace(), noSpace());
   EXPECT_EQ(readFile(smallStore()), before);
   fs::remove(smallStore());
-  store(next);
-  EXPECT_EQ(restore(), next) << "alone, the new store fits";
+  store(generation(3, 280));
+  EXPECT_EQ(restore(), generation(3, 280)) << "alone, the new store fits";
 }
 
 // ---- A restore whose file goes away or is replaced meanwhile
@@ -336,6 +347,17 @@ class RestoreFaultTest : public PersistenceTest {
     traceLevels(0x1);
   }
   std::string restoreTrace(const std::string& text) const { return kJsonDoRestore + text; }
+  // Restores `count` times, each finding `rows[0]`, `rows[1]` or nothing;
+  // how many found a store.
+  int restoresOfWholeStores(const std::vector<Row> (&rows)[2], int count) {
+    int whole = 0;
+    for (int k = 0; k < count && !HasFailure(); ++k) {
+      const std::vector<Row> got = restore();
+      EXPECT_TRUE(got.empty() || got == rows[0] || got == rows[1]) << got.size() << " rows";
+      whole += !got.empty();
+    }
+    return whole;
+  }
   // A child that saves `rows[0]` and `rows[1]` in turn, 32 saves, then
   // removes the store, until it is killed.
   pid_t racingSaver(const std::vector<Row> (&rows)[2]) {
@@ -380,12 +402,7 @@ TEST_F(RestoreFaultTest, RestoresRacingSavesAndRemovalsEachSeeOneWholeFileOrNone
   const std::vector<Row> rows[2] = {generation(0, 2000), generation(1, 2500)};
   store(rows[0]);
   const pid_t child = racingSaver(rows);
-  int whole = 0;
-  for (int k = 0; k < 300 && !HasFailure(); ++k) {
-    const std::vector<Row> got = restore();
-    EXPECT_TRUE(got.empty() || got == rows[0] || got == rows[1]) << got.size() << " rows";
-    whole += !got.empty();
-  }
+  const int whole = restoresOfWholeStores(rows, 300);
   ::kill(child, SIGKILL);
   ::waitpid(child, nullptr, 0);
   EXPECT_GT(whole, 0) << "no restore found a store, so nothing was shown";

@@ -22,5 +22,5 @@ int main() {
   config->dirIs(agents);
   KronlogSaver::saverFactory(config);
   std::printf("%d\n", static_cast<int>(::getpid()));
-  return 0;
+  return std::fflush(stdout) == 0 ? 0 : 1;
 }
