@@ -465,3 +465,100 @@ TEST_F(LinkQueueTest, DestroyingAMillionMembersDoesNotRecurse) {
 }
 
 }  // namespace
+
+// Lookups: a queue in circular order answers an index outside its range
+// without a walk, so that order is only trusted while it really holds.
+class LinkQueueFindTest : public LinkQueueTest {
+ protected:
+  // find() against a plain walk over the chain, for every index near `around`.
+  void expectFindMatchesWalk(unsigned around) {
+    for (unsigned d = 0; d < 24; ++d) {
+      unsigned index = around + d - 12;
+      // The ends first, as exact lookup is defined (they decide between
+      // members that share an index), then the first along the chain.
+      Node* walked = nullptr;
+      if (q.head() && q.head()->index() == index) walked = q.head();
+      if (!walked && q.tail() && q.tail()->index() == index) walked = q.tail();
+      for (Node* m = q.head(); m && !walked; m = m->next())
+        if (m->index() == index) walked = m;
+      ASSERT_EQ(q.find(index), walked)
+          << "index " << index << " in " << ::testing::PrintToString(indexes());
+    }
+  }
+  // circular() is true only when offsets from the head increase along the chain.
+  void expectCircularIsTrue() {
+    if (!q.circular() || !q.head()) return;
+    unsigned previous = 0;
+    for (Node* m = q.head()->next(); m; m = m->next()) {
+      unsigned offset = m->index() - q.head()->index();
+      ASSERT_GT(offset, previous) << ::testing::PrintToString(indexes());
+      previous = offset;
+    }
+  }
+};
+
+TEST_F(LinkQueueFindTest, PlacementBehindAWrappedHeadBreaksTheOrderAndLookupsStillFindEveryMember) {
+  q.indicesIs(kMax - 1, kMax - 1);
+  enq(1);
+  enq(2);
+  put(3, 3);  // placed before the head by plain order: 3, kMax - 1, kMax
+  enq(4);     // index 0: still in circular order from 3
+  EXPECT_TRUE(q.circular());
+  put(5, 5, /*hint=*/true);  // past the tail by plain order, before 3 in circular order
+  EXPECT_EQ(indexes(), (Indexes{3, kMax - 1, kMax, 0, 5}));
+  EXPECT_FALSE(q.circular());
+  expectFindMatchesWalk(0);
+  expectFindMatchesWalk(kMax - 1);
+  while (q.deq()) {
+  }
+  EXPECT_TRUE(q.circular()) << "an empty queue is in order again";
+}
+
+TEST_F(LinkQueueFindTest, RemovingAnAbsentIndexOutsideTheRangeChangesNothing) {
+  fill(4);
+  const Counters before = counters();
+  del(9);
+  del(kMax);
+  EXPECT_EQ(counters(), before);
+  EXPECT_EQ(indexes(), (Indexes{0, 1, 2, 3}));
+}
+
+// Random appends, dequeues, placements (with and without hints) and
+// removals around the wrap: after each, find() agrees with a walk and the
+// order flag never claims an order that is not there.
+TEST_F(LinkQueueFindTest, RandomChangesAroundTheWrapKeepLookupsExact) {
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    q.indicesIs(kMax - 3, kMax - 3);
+    unsigned state = seed;
+    auto next = [&state] { return state = state * 1103515245u + 12345u, state >> 16; };
+    for (int step = 0; step < 300; ++step) {
+      unsigned index = kMax - 6 + next() % 14;  // kMax - 6 .. 7
+      try {
+        switch (next() % 5) {
+          case 0:
+          case 1:
+            enq(step);
+            break;
+          case 2:
+            q.deq();
+            break;
+          case 3:
+            put(index, step, next() % 2 == 0);
+            break;
+          default:
+            del(index);
+            break;
+        }
+      } catch (const Qel::RangeException&) {
+        // The index space is full for this small range: nothing changed.
+      }
+      expectFindMatchesWalk(0);
+      expectFindMatchesWalk(kMax - 6);
+      expectCircularIsTrue();
+      if (HasFatalFailure()) return;
+    }
+    while (q.deq()) {
+    }
+  }
+}

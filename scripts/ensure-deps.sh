@@ -8,7 +8,7 @@ pkgs="cmake make g++ pkg-config rapidjson-dev"
 for profile in "$@"; do
   case "$profile" in
     test) pkgs="$pkgs libgtest-dev googletest tmux less strace" ;;
-    bench) pkgs="$pkgs libbenchmark-dev libspdlog-dev" ;;
+    bench) pkgs="$pkgs libbenchmark-dev libspdlog-dev libzmq3-dev" ;;
     m32) pkgs="$pkgs g++-multilib googletest" ;;
     fuzz) pkgs="$pkgs clang-14 libfuzzer-14-dev" ;;
     tidy) pkgs="$pkgs clang-tidy-14" ;;

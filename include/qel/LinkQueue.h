@@ -98,9 +98,12 @@ class LinkQueue {
       // An append at next + k fails when next + k + 1 reaches the head.
       const Index room = static_cast<Index>(headIndex_ - next - 1);
       if (room < other.count_) return false;
+      circular_ = circular_ && other.circular_ && after(other.head_->index_, tail_->index_) &&
+                  after(other.tail_->index_, other.head_->index_);
       tail_->next_ = std::move(other.head_);
     } else {
       if (headIndex_ == static_cast<Index>(next + 1)) return false;
+      circular_ = other.circular_;
       head_ = std::move(other.head_);
       headIndex_ = next;
     }
@@ -109,22 +112,41 @@ class LinkQueue {
     version_ += other.count_;
     count_ += other.count_;
     other.tail_ = nullptr;
+    other.circular_ = true;
     other.count_ = 0;
     other.headIndex_ = other.nextIndex_;
     ++other.version_;
     return true;
   }
 
-  // Exact lookup: the two ends first, then a walk from the head.
+  // Exact lookup: the two ends first, then a walk from the head. In a
+  // queue in circular order an index outside [head, tail] is absent without
+  // a walk, so streaming's lookups of just-evicted and not-yet-appended
+  // indices cost O(1); the walk also stops at the first member past it.
   Member* find(const Index& index) const noexcept {
     if (!head_) return nullptr;
     if (head_->index_ == index) return head_.ptr();
     if (tail_->index_ == index) return tail_;
+    if (circular_) {
+      const Index at = offset(index);
+      if (at > offset(tail_->index_)) return nullptr;
+      for (Member* m = head_->next_.ptr(); m; m = m->next_.ptr()) {
+        const Index o = offset(m->index_);
+        if (o >= at) return o == at ? m : nullptr;
+      }
+      return nullptr;
+    }
     for (Member* m = head_->next_.ptr(); m; m = m->next_.ptr()) {
       if (m->index_ == index) return m;
     }
     return nullptr;
   }
+
+  // True while the chain is in circular order: each member's distance from
+  // the head (modulo 2^32) is larger than its predecessor's. Appends and
+  // removals keep it; a placement that breaks it clears it until the queue
+  // is empty again.
+  bool circular() const noexcept { return circular_; }
 
   // Places, replaces or (with a null member) deletes by index.
   void doMemberIs(const Index& index, Member* m, bool hint) {
@@ -156,6 +178,7 @@ class LinkQueue {
         at = at->next_.ptr();
       }
     }
+    if (!(at && at->index_ == index)) circularPlace(index, pred, at);
     if (at && at->index_ == index) {
       Ptr<Member> replaced(at);
       m->next_ = std::move(at->next_);
@@ -187,6 +210,7 @@ class LinkQueue {
   // Unlinks the member with `index`; returns it, or null when absent.
   Ptr<Member> _memberDel(const Index& index) {
     if (index == headIndex_) return unlinkHead();
+    if (circular_ && head_ && offset(index) > offset(tail_->index_)) return nullptr;
     Member* pred = nullptr;
     Member* at = head_.ptr();
     while (at && at->index_ != index) {
@@ -208,6 +232,7 @@ class LinkQueue {
         headIndex_ = head_->index_;
       } else {
         tail_ = nullptr;
+        circular_ = true;
         headIndex_ = effectiveNextIndex();
       }
     }
@@ -349,6 +374,7 @@ class LinkQueue {
   void appendAt(Index next, Member* m) {
     if (head_) {
       if (static_cast<Index>(next + 1) == headIndex_) throwLinkQueueIndexSpaceFull();
+      if (!after(next, tail_->index_)) circular_ = false;
       tail_->next_ = m;
     } else {
       if (headIndex_ == static_cast<Index>(next + 1)) throwLinkQueueIndexSpaceFull();
@@ -373,10 +399,15 @@ class LinkQueue {
       headIndex_ = index;
       nextIndex_ = index + 1;
     } else if (index < headIndex_) {
+      // The old chain stays in order from the new head only if the old head
+      // lies between the new head and the tail.
+      if (static_cast<Index>(head_->index_ - index) > static_cast<Index>(tail_->index_ - index))
+        circular_ = false;
       m->next_ = std::move(head_);
       head_ = m;
       headIndex_ = index;
     } else if (index > next) {
+      if (!after(index, tail_->index_)) circular_ = false;
       m->next_ = nullptr;
       tail_->next_ = m;
       tail_ = m;
@@ -394,6 +425,7 @@ class LinkQueue {
     head_ = std::move(removed->next_);
     if (removed.ptr() == tail_) {
       tail_ = nullptr;
+      circular_ = true;
       headIndex_ = nextIndex_;  // empty: the next index stays where it was
     } else {
       headIndex_ = head_->index_;
@@ -417,6 +449,24 @@ class LinkQueue {
       head_ = std::move(next);
     }
     tail_ = nullptr;
+    circular_ = true;
+  }
+
+  // Distance of `index` from the head member's index, modulo 2^32.
+  Index offset(Index index) const noexcept { return static_cast<Index>(index - head_->index_); }
+  // `index` lies beyond `than` in circular order from the head.
+  bool after(Index index, Index than) const noexcept { return offset(index) > offset(than); }
+
+  // Before a walk places a new member `index` between `pred` and `at` (null
+  // at either end): clears circular_ unless the new member keeps the order.
+  void circularPlace(Index index, Member* pred, Member* at) noexcept {
+    if (!circular_ || !head_) return;
+    if (!pred) {
+      if (static_cast<Index>(head_->index_ - index) > static_cast<Index>(tail_->index_ - index))
+        circular_ = false;
+    } else if (!after(index, pred->index_) || (at && !after(at->index_, index))) {
+      circular_ = false;
+    }
   }
 
   Index headIndex_ = 0;
@@ -425,6 +475,9 @@ class LinkQueue {
   std::uint32_t count_ = 0;
   Ptr<Member> head_;
   Member* tail_ = nullptr;
+  // Invariant: when true, offsets from the head strictly increase along the
+  // chain (see circular()). Always true for an empty queue.
+  bool circular_ = true;
 };
 
 }  // namespace Qel
