@@ -119,14 +119,18 @@ class SaveFaultTest : public PersistenceTest {
     return std::string(kJsonDoStore) + " Could not open " + storePath();
   }
   // In a child: opens the store's temporary file, makes the directory
-  // read-only, then commits. True when the commit failed with EACCES.
+  // read-only, commits, and drops the file while the directory still is.
+  // True when the commit failed with EACCES.
   bool commitAfterTheDirectoryTurnedReadOnly() {
     dropPrivilegesKeeping(dir());
-    Kronlog::AtomicFile file;
-    const bool opened = file.open(storePath()) && ::chmod(dir().c_str(), 0555) == 0;
-    const bool committed = file.commit("new content");
+    bool refused = false;
+    {
+      Kronlog::AtomicFile file;
+      const bool opened = file.open(storePath()) && ::chmod(dir().c_str(), 0555) == 0;
+      refused = opened && !file.commit("new content") && file.error() == std::strerror(EACCES);
+    }
     ::chmod(dir().c_str(), 0755);
-    return opened && !committed && file.error() == std::strerror(EACCES);
+    return refused;
   }
 
   const std::vector<Row> previousRows_ = generation(0, 300);
@@ -195,6 +199,7 @@ TEST_F(SaveFaultTest, ADirectoryTurnedReadOnlyBeforeTheRenameKeepsThePreviousSto
   const auto body = [this] { std::_Exit(commitAfterTheDirectoryTurnedReadOnly() ? 0 : 4); };
   EXPECT_EQ(inChild(body), std::vector<std::string>{}) << "the commit did not fail with EACCES";
   EXPECT_EQ(readStoreFile(), previous_);
+  EXPECT_EQ(directoryEntries(dir()).size(), 2u) << "the store and the temporary file";
   store(nextRows_);
   EXPECT_EQ(restore(), nextRows_);
 }
