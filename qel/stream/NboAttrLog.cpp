@@ -57,7 +57,10 @@ void Out::bytes(const char* data, std::size_t size) {
 
 void Out::frameBegin(std::uint8_t kind, AttributeId attr, EntityId entity) {
   if (frameOpen()) throw InternalException("stream frame begun inside another frame");
-  frameStart_ = size_ - head_;  // relative: growing may move consumed bytes out
+  // Where the frame starts in the block. Bytes move only while no frame is
+  // open (reserve and consume compact only then), so the position holds
+  // even when bytes before the frame are sent meanwhile.
+  frameStart_ = size_;
   // One write for the whole header: length 0 (filled in by frameEnd), kind,
   // flags 0 (none defined; a receiver refuses any), attribute, entity.
   char* p = grow(12);
@@ -78,7 +81,7 @@ void Out::frameBegin(std::uint8_t kind, AttributeId attr, EntityId entity) {
 
 void Out::frameEnd() {
   if (!frameOpen()) throw InternalException("stream frame ended without being begun");
-  std::size_t start = head_ + frameStart_;
+  std::size_t start = frameStart_;
   std::size_t total = size_ - start;
   frameStart_ = kNoFrame;
   if (total > kMaxFrameBytes) {
@@ -92,9 +95,17 @@ void Out::frameEnd() {
 
 void Out::consume(std::size_t n) {
   head_ += n;
-  if (head_ == size_ && !frameOpen()) {
+  if (frameOpen()) return;
+  if (head_ == size_) {
     // Keep the block: the buffer fills again at once on a busy connection.
     size_ = 0;
+    head_ = 0;
+  } else if (size_ - head_ <= head_ / 4) {
+    // Few bytes left behind many sent: move them to the front, so that new
+    // records are written into memory the cache still holds instead of
+    // walking the whole block (a busy connection's buffer rarely empties).
+    std::memmove(buf_, buf_ + head_, size_ - head_);
+    size_ -= head_;
     head_ = 0;
   }
 }

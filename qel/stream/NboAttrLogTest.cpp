@@ -97,6 +97,19 @@ TEST_F(NboAttrLogTest, ConsumeDropsFromTheFront) {
   EXPECT_EQ(out_->size(), 0u);
 }
 
+// A few bytes left behind many sent move to the front; a frame that is
+// still open stays where it is until it is ended, with the right length.
+TEST_F(NboAttrLogTest, ConsumeMovesAShortRemainderToTheFrontButNeverAnOpenFrame) {
+  for (std::uint32_t v = 1; v <= 10; ++v) out_->u32(v);
+  out_->consume(36);
+  EXPECT_EQ(bytes(), std::string("\x00\x00\x00\x0a", 4));
+  out_->frameBegin(7, 0x0102, 3);
+  out_->u8(9);
+  out_->consume(4);  // everything before the open frame went out
+  out_->frameEnd();
+  EXPECT_EQ(bytes(), std::string("\x00\x00\x00\x09\x07\x00\x01\x02\x00\x00\x00\x03\x09", 13));
+}
+
 // ---- Error paths
 
 TEST_F(NboAttrLogTest, InputClaimingMoreThanItHoldsIsRefusedWithItsOffset) {
