@@ -152,6 +152,10 @@ void WriterNboAttrLogAdapter::metadataSend() {
 void WriterNboAttrLogAdapter::entrySend(unsigned int index) {
   const WriterLogMember* m = writer_->logQueue().find(index);
   if (m && m->index() != index) m = nullptr;  // find() may land on a later entry
+  entrySend(index, m);
+}
+
+void WriterNboAttrLogAdapter::entrySend(unsigned int index, const WriterLogMember* m) {
   Out& out = recordBegin(m ? RecordKind::attrUpdate : RecordKind::memberDel, kLogAttr);
   out.u32(index);
   if (m) fieldWrite(out, m->entry());
@@ -182,7 +186,14 @@ bool WriterNboAttrLogAdapter::handleAttrFlowOut() {
   if (inTransfer_) {
     for (; bookmark_; ++bookmark_) {
       if (!mayTransmit()) return false;
-      entrySend(bookmark_.index());
+      // The bookmark stands on the member itself, so no lookup is needed
+      // unless it left the log while the transfer waited for room.
+      const WriterLogMember* m = bookmark_.member();
+      if (m->next() || writer_->logQueue().tail() == m) {
+        entrySend(bookmark_.index(), m);
+      } else {
+        entrySend(bookmark_.index());
+      }
     }
     transactionClose(kLogAttr);
     bookmark_ = Writer::LogIterator();

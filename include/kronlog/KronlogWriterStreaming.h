@@ -79,6 +79,8 @@ class KRONLOG_EXPORT WriterNboAttrLogAdapter : public Qel::StreamAdapter, public
   void countSend();
   void metadataSend();
   void entrySend(unsigned int index);
+  // `m` is the entry at `index`, or null for a deletion record.
+  void entrySend(unsigned int index, const WriterLogMember* m);
 
   Writer* writer_;
   unsigned dirty_ = 0;

@@ -112,6 +112,7 @@ class LinkQueue {
     version_ += other.count_;
     count_ += other.count_;
     other.tail_ = nullptr;
+    other.hint_ = nullptr;
     other.circular_ = true;
     other.count_ = 0;
     other.headIndex_ = other.nextIndex_;
@@ -122,7 +123,11 @@ class LinkQueue {
   // Exact lookup: the two ends first, then a walk from the head. In a
   // queue in circular order an index outside [head, tail] is absent without
   // a walk, so streaming's lookups of just-evicted and not-yet-appended
-  // indices cost O(1); the walk also stops at the first member past it.
+  // indices cost O(1); the walk stops at the first member past the index,
+  // and starts from the last member found when that lies before it, so a
+  // run of lookups in index order (a copy receiving a whole log) costs O(1)
+  // each. Like the rest of the queue, not for concurrent use: a lookup
+  // updates that hint.
   Member* find(const Index& index) const noexcept {
     if (!head_) return nullptr;
     if (head_->index_ == index) return head_.ptr();
@@ -130,9 +135,19 @@ class LinkQueue {
     if (circular_) {
       const Index at = offset(index);
       if (at > offset(tail_->index_)) return nullptr;
-      for (Member* m = head_->next_.ptr(); m; m = m->next_.ptr()) {
+      Member* m = head_->next_.ptr();
+      if (hint_) {
+        const Index h = offset(hint_->index_);
+        if (h == at) return hint_;
+        if (h < at) m = hint_->next_.ptr();
+      }
+      for (; m; m = m->next_.ptr()) {
         const Index o = offset(m->index_);
-        if (o >= at) return o == at ? m : nullptr;
+        if (o >= at) {
+          if (o != at) return nullptr;
+          hint_ = m;
+          return m;
+        }
       }
       return nullptr;
     }
@@ -181,6 +196,7 @@ class LinkQueue {
     if (!(at && at->index_ == index)) circularPlace(index, pred, at);
     if (at && at->index_ == index) {
       Ptr<Member> replaced(at);
+      if (hint_ == at) hint_ = nullptr;
       m->next_ = std::move(at->next_);
       at->next_ = nullptr;
       if (tail_ == at) tail_ = nullptr;  // set again below, m having no next
@@ -435,6 +451,7 @@ class LinkQueue {
   }
 
   Ptr<Member> unlinked(Ptr<Member> m) noexcept {
+    if (hint_ == m.ptr()) hint_ = nullptr;
     m->next_ = nullptr;
     ++version_;
     --count_;
@@ -449,6 +466,7 @@ class LinkQueue {
       head_ = std::move(next);
     }
     tail_ = nullptr;
+    hint_ = nullptr;
     circular_ = true;
   }
 
@@ -478,6 +496,9 @@ class LinkQueue {
   // Invariant: when true, offsets from the head strictly increase along the
   // chain (see circular()). Always true for an empty queue.
   bool circular_ = true;
+  // Where the last lookup found a member. Invariant: null or a member in
+  // the chain (every unlink clears it), so it never dangles.
+  mutable Member* hint_ = nullptr;
 };
 
 }  // namespace Qel
