@@ -169,9 +169,13 @@ TEST_F(ToolLiveTest, UsageAndServingErrorsAreOneLineWithTheirExitStatus) {
       {"follow --socket x -o cat", 2, "kronlog follow: bad --output 'cat'"},
       {"follow --socket x --agent '('", 2, "kronlog follow: "},
       {"follow --socket x -n many", 2, "kronlog follow: bad --lines 'many'"},
+      {"follow --socket x --socket /etc/passwd", 2,
+       "kronlog follow: --socket /etc/passwd is not a socket"},
       {"collect --store s", 2, "kronlog collect: --socket PATH is required"},
       {"collect --socket x", 2, "kronlog collect: --store FILE is required"},
       {"collect --socket x --store s --every 0", 2, "kronlog collect: bad --every '0'"},
+      {"collect --socket /etc/passwd --store s", 2,
+       "kronlog collect: --socket /etc/passwd is not a socket"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.args);

@@ -58,6 +58,9 @@ int collectCommand(const Args& args) {
     return status;
   }
   if (!options.has("socket")) return usageError("collect", "--socket PATH is required");
+  if (const int status = socketPathsCheck("collect", options.values("socket")); status >= 0) {
+    return status;
+  }
   if (!options.has("store") || options.value("store").empty()) {
     return usageError("collect", "--store FILE is required");
   }

@@ -77,6 +77,16 @@ int usageError(const char* command, const std::string& message) {
   return kExitUsage;
 }
 
+int socketPathsCheck(const char* command, const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0 && !S_ISSOCK(st.st_mode)) {
+      return usageError(command, "--socket " + path + " is not a socket");
+    }
+  }
+  return -1;
+}
+
 int printText(const char* command, const std::string& text) {
   Sink out(1);
   out.write(text);

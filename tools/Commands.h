@@ -24,6 +24,11 @@ class Options;
 int startCommand(const char* command, const char* usage, const Args& args, Options& options);
 // Reports a usage error of `command` on stderr; returns 2.
 int usageError(const char* command, const std::string& message);
+// For each --socket of `command`: a usage error for a path that exists
+// but is not a socket (a mistyped path would otherwise be waited on
+// forever, as for an agent that has not started yet); -1 when all may be
+// mounted.
+int socketPathsCheck(const char* command, const std::vector<std::string>& paths);
 // Writes `text` (help, the version) to standard output and checks it:
 // kExitOk, also when the reader went away, else kExitData with the reason.
 int printText(const char* command, const std::string& text);

@@ -250,6 +250,9 @@ int followCommand(const Args& args) {
     return usageError("follow", "--socket PATH is required (an agent's socket, e.g. " +
                                     KronlogWriter::writerDirSocketPath("Bgp").stdString() + ")");
   }
+  if (const int status = socketPathsCheck("follow", options.values("socket")); status >= 0) {
+    return status;
+  }
   Filter filter;
   filter.agents = options.values("agent");
   filter.groups = options.values("group");
