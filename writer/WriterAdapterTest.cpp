@@ -14,6 +14,7 @@
 #include "kronlog/KronlogWriterStreaming.h"
 #include "qel/Exception.h"
 #include "testing/StreamFixture.h"
+#include "testing/TempDir.h"
 #include "testing/WriterState.h"
 
 namespace {
@@ -71,6 +72,34 @@ TEST_F(WriterAdapterTest, DeletionsMissedWhileStalledAreCaughtUpByTheTransfer) {
   settle();
   EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
   EXPECT_EQ(copyOf("g")->logMetadata(), LogMetadata(0, 6));
+}
+
+// JSONTestSuite's parsing cases, valid and broken JSON alike (invalid
+// UTF-8, NUL bytes, lone surrogates, deep nesting), carried as messages:
+// each arrives in the copy byte for byte, through live records and through
+// a snapshot.
+TEST_F(WriterAdapterTest, JsonTestSuiteCasesArriveByteForByteAsMessages) {
+  std::vector<std::string> cases;
+  for (const std::string& name : KronlogTesting::directoryEntries(KRONLOG_JSON_SUITE))
+    cases.push_back(KronlogTesting::readFile(std::string(KRONLOG_JSON_SUITE) + "/" + name));
+  ASSERT_EQ(cases.size(), 318u);
+  Writer::Ptr w = dir_->writerIs("g", Config(1000, keepLastEntries));
+  settle();
+  for (const std::string& c : cases) w->eventIs(c);
+  settle();
+  auto expectCases = [&](const Writer* copy) {
+    ASSERT_NE(copy, nullptr);
+    ASSERT_EQ(copy->logs(), cases.size());
+    unsigned index = 0;
+    for (const std::string& c : cases) {
+      const LogEntry e = copy->log(index++);
+      ASSERT_EQ(std::string(e.message().data(), e.message().size()), c) << "entry " << index - 1;
+    }
+  };
+  expectCases(copyOf("g"));  // sent live, one record per event
+  connect();
+  settle();
+  expectCases(copyOf("g"));  // sent in a fresh connection's snapshot
 }
 
 // Random events, deletions and membership changes, with the connection
