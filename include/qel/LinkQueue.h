@@ -34,7 +34,9 @@ class LinkQueueMember : public PtrInterface {
   LinkQueueMember(unsigned int index, Value value) : index_(index), value_(std::move(value)) {}
 
   unsigned int index() const noexcept { return index_; }
-  // Only stores the index; the queue does not re-sort.
+  // Only stores the index; the queue does not re-sort. For a member not in
+  // a queue: a linked member re-indexed this way may break the queue's order,
+  // and its lookups may then miss it.
   void qel_indexIs(unsigned int index) noexcept { index_ = index; }
   const Value& value() const noexcept { return value_; }
   Value& valueRef() noexcept { return value_; }
