@@ -1,7 +1,5 @@
 #include "qel/String.h"
 
-#include <time.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -119,23 +117,6 @@ bool String::ownedRewrite(const String& s, void* block, std::size_t ownerBytes, 
 
 std::ostream& operator<<(std::ostream& os, const String& s) {
   return os.write(s.data(), static_cast<std::streamsize>(s.size()));
-}
-
-namespace {
-Seconds systemUtcNow() {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-Seconds (*clockFunction)() = &systemUtcNow;
-}  // namespace
-
-Seconds utcNow() {
-  return clockFunction();
-}
-
-void utcNowFunctionIs(Seconds (*clock)()) {
-  clockFunction = clock ? clock : &systemUtcNow;
 }
 
 }  // namespace Qel
