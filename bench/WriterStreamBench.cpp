@@ -33,6 +33,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,6 +44,7 @@
 #include "qel/Trace.h"
 #include "qel/stream/Connection.h"
 #include "qel/stream/EventLoop.h"
+#include "testing/StreamFixture.h"
 
 namespace {
 
@@ -72,55 +75,15 @@ struct FollowerReport {
   double p50Us = 0, p99Us = 0, maxUs = 0;  // eventIs to onEntry, for live entries
 };
 
-// A forked process that reports one fixed-size value on a pipe.
-class Process {
- public:
-  explicit Process(const std::function<void(int report)>& body) {
-    int fds[2];
-    if (::pipe(fds) != 0) std::abort();
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::close(fds[0]);
-      body(fds[1]);
-      ::_exit(0);
-    }
-    ::close(fds[1]);
-    report_ = fds[0];
-  }
-  ~Process() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    ::close(report_);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-  void signal(int sig) { ::kill(pid_, sig); }
-  int reportFd() const { return report_; }
-  // Blocks for `size` bytes of report; false when the process ended first.
-  bool read(void* into, std::size_t size) {
-    char* at = static_cast<char*>(into);
-    while (size > 0) {
-      ssize_t n = ::read(report_, at, size);
-      if (n <= 0) return false;
-      at += n;
-      size -= static_cast<std::size_t>(n);
-    }
-    return true;
-  }
-  void wait() {
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-  static void say(int fd, const void* data, std::size_t size) {
-    if (::write(fd, data, size) != static_cast<ssize_t>(size)) ::_exit(1);
-  }
+using StreamTesting::Child;
 
- private:
-  pid_t pid_ = -1;
-  int report_ = -1;
-};
+// Reads a follower's report line.
+FollowerReport reportOf(const std::string& line) {
+  FollowerReport r;
+  std::istringstream in(line);
+  if (!(in >> r.entries >> r.lost >> r.p50Us >> r.p99Us >> r.maxUs)) r.entries = ~0ull;
+  return r;
+}
 
 // ---- The follower process
 
@@ -164,7 +127,10 @@ void follower(const std::string& path, unsigned liveFrom, int report) {
     f.report.p99Us = at(0.99);
     f.report.maxUs = f.latencies.back();
   }
-  Process::say(report, &f.report, sizeof f.report);
+  const FollowerReport& r = f.report;
+  Child::say(report, std::to_string(r.entries) + " " + std::to_string(r.lost) + " " +
+                         std::to_string(r.p50Us) + " " + std::to_string(r.p99Us) + " " +
+                         std::to_string(r.maxUs) + "\n");
 }
 
 // ---- The agent
@@ -263,13 +229,13 @@ void BM_RawFloor(benchmark::State& state) {
   for (const std::string& e : events) bytesPerCycle += e.size();
   int sv[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) std::abort();
-  Process peer([&](int report) {
+  Child peer([&](int report) {
     ::close(sv[0]);
     std::vector<char> buf(kBatchBytes);
     std::uint64_t total = 0;
     ssize_t n;
     while ((n = ::read(sv[1], buf.data(), buf.size())) > 0) total += static_cast<std::uint64_t>(n);
-    Process::say(report, &total, sizeof total);
+    Child::say(report, std::to_string(total) + "\n");
   });
   ::close(sv[1]);
   std::string batch;
@@ -299,8 +265,8 @@ void BM_RawFloor(benchmark::State& state) {
   }
   flush();
   ::close(sv[0]);
-  std::uint64_t received = 0;
-  if (!peer.read(&received, sizeof received) || received != sentBytes)
+  Qel::EventLoop::Ptr idle = new Qel::EventLoop;
+  if (peer.next(idle.ptr(), '\n', 60) != std::to_string(sentBytes))
     state.SkipWithError("the peer did not receive every byte");
   state.counters["events/s"] =
       benchmark::Counter(static_cast<double>(sent), benchmark::Counter::kIsRate);
@@ -312,7 +278,7 @@ void BM_RawFloor(benchmark::State& state) {
 void BM_Kronlog(benchmark::State& state) {
   std::string path = socketPath("kronlog");
   Agent agent(path);
-  Process peer([&](int report) { follower(path, ~0u, report); });
+  Child peer([&](int report) { follower(path, ~0u, report); });
   Qel::Connection* c = agent.followerConnected();
   std::uint64_t sent = 0;
   for (auto _ : state) {
@@ -324,8 +290,8 @@ void BM_Kronlog(benchmark::State& state) {
   }
   agent.drain(c);
   agent.server = nullptr;  // the follower sees its agent go and reports
-  FollowerReport r;
-  if (!peer.read(&r, sizeof r) || r.entries != kLogSize + sent || r.lost != 0)
+  const FollowerReport r = reportOf(peer.next(agent.loop.ptr(), '\n', 60));
+  if (r.entries != kLogSize + sent || r.lost != 0)
     state.SkipWithError("the follower did not receive every event exactly once");
   state.counters["events/s"] =
       benchmark::Counter(static_cast<double>(sent), benchmark::Counter::kIsRate);
@@ -335,7 +301,7 @@ void BM_Kronlog(benchmark::State& state) {
 
 void BM_ZeroMQ(benchmark::State& state) {
   std::string endpoint = "ipc://" + socketPath("zmq");
-  Process peer([&](int report) {
+  Child peer([&](int report) {
     void* ctx = zmq_ctx_new();
     void* sub = zmq_socket(ctx, ZMQ_SUB);
     zmq_setsockopt(sub, ZMQ_SUBSCRIBE, "", 0);
@@ -349,12 +315,12 @@ void BM_ZeroMQ(benchmark::State& state) {
         ++count;
       } else if (n == 1 && buf[0] == 'H' && !ready) {
         ready = true;  // subscribed: the publisher may start
-        Process::say(report, "R", 1);
+        Child::say(report, "ready\n");
       } else if (n == 1 && buf[0] == 'E') {
         break;
       }
     }
-    Process::say(report, &count, sizeof count);
+    Child::say(report, std::to_string(count) + "\n");
     zmq_close(sub);
     zmq_ctx_term(ctx);
   });
@@ -365,13 +331,10 @@ void BM_ZeroMQ(benchmark::State& state) {
   zmq_bind(pub, endpoint.c_str());
   // A subscriber hears only what is published after it joined: greet until
   // it answers.
-  for (;;) {
+  Qel::EventLoop::Ptr idle = new Qel::EventLoop;
+  do {
     zmq_send(pub, "H", 1, ZMQ_DONTWAIT);
-    pollfd p{peer.reportFd(), POLLIN, 0};
-    if (::poll(&p, 1, 1) > 0) break;
-  }
-  char ready;
-  peer.read(&ready, 1);
+  } while (peer.next(idle.ptr(), '\n', 0.001) != "ready");
   std::uint64_t sent = 0;
   for (auto _ : state) {
     for (int i = 0; i < kEventsPerIteration; ++i) {
@@ -380,8 +343,7 @@ void BM_ZeroMQ(benchmark::State& state) {
     }
   }
   zmq_send(pub, "E", 1, 0);
-  std::uint64_t received = 0;
-  if (!peer.read(&received, sizeof received) || received != sent)
+  if (peer.next(idle.ptr(), '\n', 60) != std::to_string(sent))
     state.SkipWithError("the subscriber did not receive every message");
   zmq_close(pub);
   zmq_ctx_term(ctx);
@@ -395,7 +357,7 @@ void BM_ZeroMQ(benchmark::State& state) {
 void BM_KronlogLatencyAt10kPerSecond(benchmark::State& state) {
   std::string path = socketPath("latency");
   Agent agent(path);
-  Process peer([&](int report) { follower(path, kLogSize, report); });
+  Child peer([&](int report) { follower(path, kLogSize, report); });
   Qel::Connection* c = agent.followerConnected();
   constexpr int kEvents = 20000;
   constexpr double kInterval = 1e-4;
@@ -411,8 +373,8 @@ void BM_KronlogLatencyAt10kPerSecond(benchmark::State& state) {
   }
   agent.drain(c);
   agent.server = nullptr;
-  FollowerReport r;
-  if (!peer.read(&r, sizeof r) || r.entries != kLogSize + kEvents || r.lost != 0)
+  const FollowerReport r = reportOf(peer.next(agent.loop.ptr(), '\n', 60));
+  if (r.entries != kLogSize + kEvents || r.lost != 0)
     state.SkipWithError("the follower did not receive every event exactly once");
   state.counters["p50_us"] = r.p50Us;
   state.counters["p99_us"] = r.p99Us;
@@ -427,9 +389,9 @@ void BM_KronlogLatencyAt10kPerSecond(benchmark::State& state) {
 void BM_AgentEventIs(benchmark::State& state) {
   std::string path = socketPath("agent");
   Agent agent(path);
-  std::unique_ptr<Process> peer;
+  std::unique_ptr<Child> peer;
   if (state.range(0) == 1) {
-    peer.reset(new Process([&](int report) { follower(path, ~0u, report); }));
+    peer = std::make_unique<Child>([&](int report) { follower(path, ~0u, report); });
     agent.followerConnected();
   }
   std::uint64_t sent = 0;
@@ -444,10 +406,10 @@ void BM_AgentEventIs(benchmark::State& state) {
     Qel::Connection* c = agent.server->connections().front().ptr();
     agent.drain(c);
     agent.server = nullptr;
-    FollowerReport r;
     // Entries plus losses are every event: a follower that fell behind
     // lost what was evicted before it could be sent, and counts it.
-    if (!peer->read(&r, sizeof r) || r.entries + r.lost != kLogSize + sent)
+    const FollowerReport r = reportOf(peer->next(agent.loop.ptr(), '\n', 60));
+    if (r.entries + r.lost != kLogSize + sent)
       state.SkipWithError("the follower's entries and losses do not add up");
     state.counters["delivered"] = static_cast<double>(r.entries) / (kLogSize + sent);
   }
@@ -458,7 +420,7 @@ void BM_AgentEventIs(benchmark::State& state) {
 void BM_AgentMemoryWithStoppedFollower(benchmark::State& state) {
   std::string path = socketPath("memory");
   Agent agent(path);
-  Process peer([&](int report) { follower(path, ~0u, report); });
+  Child peer([&](int report) { follower(path, ~0u, report); });
   Qel::Connection* c = agent.followerConnected();
   peer.signal(SIGSTOP);
   double atOneMillion = 0, atEnd = 0;
