@@ -4,11 +4,12 @@
 #   make bench   build and run the benchmarks (with the peers they compare to)
 #   make fuzz    build the fuzz targets with clang and run each FUZZ_SECONDS (60)
 #   make tidy    run clang-tidy (.clang-tidy) over the libraries and the tool
+#   make differential  check the store reader against DIFFERENTIAL_INPUTS (1000000) real restores
 BUILD ?= build
 CMAKE_ARGS ?=
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: test demo bench fuzz tidy clean
+.PHONY: test demo bench fuzz tidy differential clean
 
 test:
 	@scripts/ensure-deps.sh test
@@ -34,6 +35,25 @@ fuzz:
 	@scripts/ensure-deps.sh fuzz
 	cmake -S . -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKRONLOG_BUILD_FUZZERS=ON -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_TOOLS=OFF -DKRONLOG_INSTALL=OFF -DKRONLOG_FUZZ_SECONDS=$(FUZZ_SECONDS) $(CMAKE_ARGS)
 	cmake --build $(BUILD)-fuzz -j$(JOBS) --target fuzz
+
+# The store reader's verdict against real restores, over generated and
+# mutated store files, in JOBS shards of their own seeds; fails on any
+# disagreement (each shard keeps its first in $(BUILD)/tests/differential-first-K.store).
+DIFFERENTIAL_INPUTS ?= 1000000
+differential:
+	@scripts/ensure-deps.sh test
+	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
+	cmake --build $(BUILD) -j$(JOBS) --target store_differential
+	@cd $(BUILD)/tests && pids= && \
+	for k in $$(seq 1 $(JOBS)); do \
+	  n=$$(( $(DIFFERENTIAL_INPUTS) / $(JOBS) + ($$k == 1 ? $(DIFFERENTIAL_INPUTS) % $(JOBS) : 0) )); \
+	  ./store_differential $$n $$k --corpus $(CURDIR)/fuzz/corpus/store_read_fuzz \
+	    --first differential-first-$$k.store > differential-$$k.log & pids="$$pids $$!"; \
+	done; \
+	status=0; for p in $$pids; do wait $$p || status=1; done; \
+	for k in $$(seq 1 $(JOBS)); do echo "--- shard $$k"; cat differential-$$k.log; done; \
+	echo "disagreements in all: $$(awk '/^disagreements:/ {n += $$2} END {print n}' differential-*.log)"; \
+	exit $$status
 
 # The sources of libqel, libkronlog and the kronlog command, tests left out.
 # clang-tidy reads the flags from the build tree's compile_commands.json, so
