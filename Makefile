@@ -4,12 +4,13 @@
 #   make bench   build and run the benchmarks (with the peers they compare to)
 #   make fuzz    build the fuzz targets with clang and run each FUZZ_SECONDS (60)
 #   make tidy    run clang-tidy (.clang-tidy) over the libraries and the tool
+#   make soak    record SOAK_EVENTS (10000000) events in a native and a 32-bit build; steady memory
 #   make differential  check the store reader against DIFFERENTIAL_INPUTS (1000000) real restores
 BUILD ?= build
 CMAKE_ARGS ?=
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: test demo bench fuzz tidy differential clean
+.PHONY: test demo bench fuzz tidy differential soak clean
 
 test:
 	@scripts/ensure-deps.sh test
@@ -35,6 +36,21 @@ fuzz:
 	@scripts/ensure-deps.sh fuzz
 	cmake -S . -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKRONLOG_BUILD_FUZZERS=ON -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_TOOLS=OFF -DKRONLOG_INSTALL=OFF -DKRONLOG_FUZZ_SECONDS=$(FUZZ_SECONDS) $(CMAKE_ARGS)
 	cmake --build $(BUILD)-fuzz -j$(JOBS) --target fuzz
+
+# Ten million events recorded, read, saved and followed, in the native and
+# the 32-bit build (run through qemu where the kernel cannot run it): prints
+# the resident set and live object counts, measured from the millionth event.
+SOAK_EVENTS ?= 10000000
+soak:
+	@scripts/ensure-deps.sh test m32
+	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
+	cmake --build $(BUILD) -j$(JOBS) --target kronlog_soak
+	@echo "=== soak, native build"
+	$(BUILD)/tests/kronlog_soak $(SOAK_EVENTS) 1000000
+	cmake -S . -B $(BUILD)-m32 -DKRONLOG_M32=ON $$(scripts/ensure-32bit-exec.sh) $(CMAKE_ARGS)
+	cmake --build $(BUILD)-m32 -j$(JOBS) --target kronlog_soak
+	@echo "=== soak, 32-bit build"
+	$(BUILD)-m32/tests/kronlog_soak $(SOAK_EVENTS) 1000000
 
 # The store reader's verdict against real restores, over generated and
 # mutated store files, in JOBS shards of their own seeds; fails on any
@@ -65,4 +81,4 @@ tidy:
 	run-clang-tidy-14 -quiet -j$(JOBS) -p $(BUILD) $(abspath $(TIDY_SOURCES))
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz $(BUILD)-m32
