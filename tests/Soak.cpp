@@ -35,6 +35,15 @@
 #include "qel/Trace.h"
 #include "qel/stream/EventLoop.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+// AddressSanitizer keeps freed blocks in a quarantine of up to 256 MiB
+// before reusing them, which the resident set would show as growth: a
+// soak wants freed memory reused at once, as the plain allocator does.
+extern "C" __attribute__((visibility("default"), used)) const char* __asan_default_options() {
+  return "quarantine_size_mb=0";
+}
+#endif
+
 namespace {
 
 constexpr std::uint64_t kReadEvery = 1000;
