@@ -2,7 +2,8 @@
 #   make test    install what is missing, build, run the whole test suite
 #   make demo    install what is missing, build, run the end-to-end demo
 #   make bench   build and run the benchmarks (with the peers they compare to)
-#   make fuzz    build the fuzz targets with clang and run each FUZZ_SECONDS (60)
+#   make fuzz    build the fuzz targets with clang and run each FUZZ_SECONDS (60), then
+#                FUZZ_M32_SECONDS (20) in a 32-bit build
 #   make tidy    run clang-tidy (.clang-tidy) over the libraries and the tool
 #   make soak    record SOAK_EVENTS (10000000) events in a native and a 32-bit build; steady memory
 #   make differential  check the store reader against DIFFERENTIAL_INPUTS (1000000) real restores
@@ -31,11 +32,17 @@ bench:
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_BENCHMARKS=ON $(CMAKE_ARGS)
 	cmake --build $(BUILD)-bench -j$(JOBS) --target bench
 
+# Then the same targets as 32-bit code, FUZZ_M32_SECONDS (20) each: sizes
+# and offsets are 32 bits wide on the device, and so are its overflows.
 FUZZ_SECONDS ?= 60
+FUZZ_M32_SECONDS ?= 20
+FUZZ_CMAKE_ARGS = -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKRONLOG_BUILD_FUZZERS=ON -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_TOOLS=OFF -DKRONLOG_INSTALL=OFF
 fuzz:
 	@scripts/ensure-deps.sh fuzz
-	cmake -S . -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKRONLOG_BUILD_FUZZERS=ON -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_TOOLS=OFF -DKRONLOG_INSTALL=OFF -DKRONLOG_FUZZ_SECONDS=$(FUZZ_SECONDS) $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD)-fuzz $(FUZZ_CMAKE_ARGS) -DKRONLOG_FUZZ_SECONDS=$(FUZZ_SECONDS) $(CMAKE_ARGS)
 	cmake --build $(BUILD)-fuzz -j$(JOBS) --target fuzz
+	cmake -S . -B $(BUILD)-fuzz-m32 $(FUZZ_CMAKE_ARGS) -DKRONLOG_M32=ON $$(scripts/ensure-32bit-exec.sh) -DKRONLOG_FUZZ_SECONDS=$(FUZZ_M32_SECONDS) $(CMAKE_ARGS)
+	cmake --build $(BUILD)-fuzz-m32 -j$(JOBS) --target fuzz
 
 # Ten million events recorded, read, saved and followed, in the native and
 # the 32-bit build (run through qemu where the kernel cannot run it): prints
@@ -81,4 +88,4 @@ tidy:
 	run-clang-tidy-14 -quiet -j$(JOBS) -p $(BUILD) $(abspath $(TIDY_SOURCES))
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz $(BUILD)-m32
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz $(BUILD)-fuzz-m32 $(BUILD)-m32
