@@ -10,7 +10,7 @@ for profile in "$@"; do
     test) pkgs="$pkgs libgtest-dev googletest tmux less strace" ;;
     bench) pkgs="$pkgs libbenchmark-dev libspdlog-dev libzmq3-dev" ;;
     m32) pkgs="$pkgs g++-multilib googletest" ;;
-    fuzz) pkgs="$pkgs clang-14 libfuzzer-14-dev" ;;
+    fuzz) pkgs="$pkgs clang-14 libfuzzer-14-dev libclang-rt-14-dev g++-multilib" ;;
     tidy) pkgs="$pkgs clang-tidy-14" ;;
     *) echo "ensure-deps: unknown profile '$profile'" >&2; exit 2 ;;
   esac
