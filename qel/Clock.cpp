@@ -77,7 +77,8 @@ TickClock::Ticks readTsc() {
 // processors agree.
 bool tscTrusted() {
   unsigned a = 0, b = 0, c = 0, d = 0;
-  if (__get_cpuid_max(0x80000000u, nullptr) < 0x80000007u) return false;
+  // Declared returning int by some compilers' headers, unsigned by others.
+  if (static_cast<unsigned>(__get_cpuid_max(0x80000000u, nullptr)) < 0x80000007u) return false;
   __cpuid(0x80000007u, a, b, c, d);
   if (!(d & (1u << 8))) return false;
   std::FILE* f =
@@ -85,8 +86,8 @@ bool tscTrusted() {
   if (!f) return false;
   char source[32] = {};
   const bool read = std::fgets(source, sizeof source, f) != nullptr;
-  std::fclose(f);
-  return read && std::strcmp(source, "tsc\n") == 0;
+  const bool closed = std::fclose(f) == 0;
+  return read && closed && std::strcmp(source, "tsc\n") == 0;
 }
 
 // One per thread: the clock keeps state, and threads share none.
