@@ -166,16 +166,14 @@ class FileSizeLimitTest : public SaveFaultTest {
 };
 
 // At the first byte, inside the first line, at the end of the first page,
-// in the middle, and one byte short of the end of the new store.
+// in the middle, and one byte short of the end of the new store; a limit of
+// exactly its size lets the save through.
 TEST_F(FileSizeLimitTest, AnywhereInTheNewStoreItKeepsThePreviousStoreAndTracesWhy) {
   for (rlim_t limit : {rlim_t(0), rlim_t(5), rlim_t(4096), nextSize_ / 2, nextSize_ - 1}) {
     SCOPED_TRACE(limit);
     EXPECT_EQ(saveUnderLimit(limit), notWritten("File too large"));
     expectPreviousStoreKept();
   }
-}
-
-TEST_F(FileSizeLimitTest, ALimitOfExactlyTheNewStoresSizeLetsTheSaveThrough) {
   EXPECT_EQ(saveUnderLimit(nextSize_), std::string(kJsonDoStore));
   EXPECT_EQ(restore(), nextRows_);
 }
@@ -378,26 +376,21 @@ class RestoreFaultTest : public PersistenceTest {
   }
 };
 
-TEST_F(RestoreFaultTest, AStorePathThatTurnedIntoADirectoryIsNotReadAndAddsNothing) {
-  fs::create_directory(storePath());
-  EXPECT_EQ(restore(), std::vector<Row>{});
-  EXPECT_EQ(traces().back().text,
-            restoreTrace(" Could not read " + storePath() + ": " + std::strerror(EISDIR)));
-}
-
-// The restorer goes on with what the store driver read: nothing.
-TEST_F(RestoreFaultTest, ARestorerOverAnUnreadableStoreCreatesNoWriter) {
-  fs::create_directory(storePath());
-  KronlogWriter::WriterDir::Ptr agent = KronlogWriter::writerDirFactory("agent0");
-  EXPECT_TRUE(KronlogRestorer::restorerFactory(KronlogRestorer::Config(agent))->initialized());
-  EXPECT_EQ(agent->writers(), 0u);
-}
-
-TEST_F(RestoreFaultTest, AStoreRemovedBeforeTheOpenIsTracedAndAddsNothing) {
+// A store removed before the open, and one that turned into a directory
+// (read fails): each is traced and adds nothing, and a restorer over it
+// goes on with nothing and creates no writer.
+TEST_F(RestoreFaultTest, AStoreGoneOrUnreadableIsTracedAndAddsNothing) {
   store(generation(0, 3));
   fs::remove(storePath());
   EXPECT_EQ(restore(), std::vector<Row>{});
   EXPECT_EQ(traces().back().text, restoreTrace(" Could not open " + storePath()));
+  fs::create_directory(storePath());
+  EXPECT_EQ(restore(), std::vector<Row>{});
+  EXPECT_EQ(traces().back().text,
+            restoreTrace(" Could not read " + storePath() + ": " + std::strerror(EISDIR)));
+  KronlogWriter::WriterDir::Ptr agent = KronlogWriter::writerDirFactory("agent0");
+  EXPECT_TRUE(KronlogRestorer::restorerFactory(KronlogRestorer::Config(agent))->initialized());
+  EXPECT_EQ(agent->writers(), 0u);
 }
 
 // A child saves two generations in turn, removing the store after

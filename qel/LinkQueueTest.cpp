@@ -514,15 +514,6 @@ TEST_F(LinkQueueFindTest, PlacementBehindAWrappedHeadBreaksTheOrderAndLookupsSti
   EXPECT_TRUE(q.circular()) << "an empty queue is in order again";
 }
 
-TEST_F(LinkQueueFindTest, RemovingAnAbsentIndexOutsideTheRangeChangesNothing) {
-  fill(4);
-  const Counters before = counters();
-  del(9);
-  del(kMax);
-  EXPECT_EQ(counters(), before);
-  EXPECT_EQ(indexes(), (Indexes{0, 1, 2, 3}));
-}
-
 // Random appends, dequeues, placements (with and without hints) and
 // removals around the wrap: after each, find() agrees with a walk and the
 // order flag never claims an order that is not there.
