@@ -189,7 +189,7 @@ bool WriterNboAttrLogAdapter::handleAttrFlowOut() {
       // The bookmark stands on the member itself, so no lookup is needed
       // unless it left the log while the transfer waited for room.
       const WriterLogMember* m = bookmark_.member();
-      if (m->next() || writer_->logQueue().tail() == m) {
+      if (writer_->logQueue().linked(m)) {
         entrySend(bookmark_.index(), m);
       } else {
         entrySend(bookmark_.index());

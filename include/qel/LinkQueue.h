@@ -159,6 +159,10 @@ class LinkQueue {
     return nullptr;
   }
 
+  // `m`, a member this queue once held, is still linked: an unlinked
+  // member has no next and is no tail.
+  bool linked(const Member* m) const noexcept { return m->next_ || tail_ == m; }
+
   // True while the chain is in circular order: each member's distance from
   // the head (modulo 2^32) is larger than its predecessor's. Appends and
   // removals keep it; a placement that breaks it clears it until the queue
@@ -167,7 +171,7 @@ class LinkQueue {
 
   // Places, replaces or (with a null member) deletes by index.
   void doMemberIs(const Index& index, Member* m, bool hint) {
-    if (m && (m->next_ || tail_ == m)) {
+    if (m && linked(m)) {
       // A member already in the queue moves: unlink it first, then place it
       // as a new one. (Appending it while still linked would link it twice.)
       if (m->index_ == index) return;
