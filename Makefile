@@ -2,6 +2,7 @@
 #   make test    install what is missing, build, run the whole test suite
 #   make demo    install what is missing, build, run the end-to-end demo
 #   make bench   build and run the benchmarks (with the peers they compare to)
+#   make bench-m32  the recording and reading benchmarks as 32-bit code
 #   make fuzz    build the fuzz targets with clang and run each FUZZ_SECONDS (60), then
 #                FUZZ_M32_SECONDS (20) in a 32-bit build
 #   make tidy    run clang-tidy (.clang-tidy) over the libraries and the tool
@@ -11,7 +12,7 @@ BUILD ?= build
 CMAKE_ARGS ?=
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: test demo bench fuzz tidy differential soak clean
+.PHONY: test demo bench bench-m32 fuzz tidy differential soak clean
 
 test:
 	@scripts/ensure-deps.sh test
@@ -31,6 +32,15 @@ bench:
 	@scripts/ensure-deps.sh bench
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_BENCHMARKS=ON $(CMAKE_ARGS)
 	cmake --build $(BUILD)-bench -j$(JOBS) --target bench
+
+# The recording and reading benchmarks as 32-bit code, the device's: event
+# cost and heap per entry against spdlog, reads against the plain method.
+bench-m32:
+	@scripts/ensure-deps.sh bench-m32
+	cmake -S . -B $(BUILD)-bench-m32 -DCMAKE_BUILD_TYPE=Release -DKRONLOG_M32=ON -DKRONLOG_BUILD_TESTS=OFF -DKRONLOG_BUILD_TOOLS=OFF -DKRONLOG_BUILD_BENCHMARKS=ON $$(scripts/ensure-32bit-exec.sh) $(CMAKE_ARGS)
+	cmake --build $(BUILD)-bench-m32 -j$(JOBS) --target writer_bench reader_bench
+	$(BUILD)-bench-m32/bench/writer_bench
+	$(BUILD)-bench-m32/bench/reader_bench
 
 # Then the same targets as 32-bit code, FUZZ_M32_SECONDS (20) each: sizes
 # and offsets are 32 bits wide on the device, and so are its overflows.
@@ -98,4 +108,4 @@ tidy:
 	run-clang-tidy-14 -quiet -j$(JOBS) -p $(BUILD) $(abspath $(TIDY_SOURCES))
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz $(BUILD)-fuzz-m32 $(BUILD)-m32
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-bench-m32 $(BUILD)-fuzz $(BUILD)-fuzz-m32 $(BUILD)-m32

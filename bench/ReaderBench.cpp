@@ -17,8 +17,12 @@
 // Google Benchmark times each side on its own. The summary that follows
 // runs 31 rounds per case, ours and the plain read alternating within each
 // round, each into a fresh status released outside the clock, and prints
-// the median and the 10th to 90th percentile spread of each side.
+// the median and the 10th to 90th percentile spread of each side, then the
+// heap per entry: what the writers hold per stored entry beyond the message
+// bytes, and what a read's result holds per entry (its strings are shared
+// with the writers, not copied).
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <chrono>
@@ -32,6 +36,7 @@
 #include "bench/Spread.h"
 #include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogWriter.h"
+#include "qel/Allocator.h"
 #include "qel/Dir.h"
 #include "qel/String.h"
 
@@ -64,7 +69,31 @@ Qel::String message(std::mt19937& rng, int writer, int k) {
   return Qel::String(text);
 }
 
+// The allocator's bytes in use, chunk headers and rounding included.
+std::size_t heapInUse() {
+  const struct mallinfo2 m = mallinfo2();
+  return m.uordblks + m.hblkhd;
+}
+
+// Bytes held by live objects of the framework's tracked types (each pooled
+// object is exactly its type's size: the pools keep no headers).
+std::size_t pooledBytes() {
+  std::size_t bytes = 0;
+  for (const Qel::TypeAllocator* a : Qel::typeAllocators()) bytes += a->live() * a->objectSize();
+  return bytes;
+}
+
+// What building an input cost: heap growth and the message bytes in it.
+struct BuiltHeap {
+  std::size_t heap = 0;
+  std::size_t messageBytes = 0;
+  std::size_t entries = 0;
+};
+std::map<const Input*, BuiltHeap> builtHeap;
+
 Qel::Dir::Ptr build(const Input& in) {
+  const std::size_t heapBefore = heapInUse();
+  std::size_t messageBytes = 0;
   Qel::Dir::Ptr dir = Qel::dirFactory("agents");
   std::vector<KronlogWriter::Writer::Ptr> writers;
   char name[32];
@@ -84,9 +113,10 @@ Qel::Dir::Ptr build(const Input& in) {
     for (int k = 0; k < in.entriesPerWriter; ++k) {
       for (int g = 0; g < n; ++g) {
         const double t = kStart + (k * n + g) * 0.001;
-        writers[g]->logEnq(
-            KronlogWriter::LogEntry(t, Qel::String("event " + std::to_string(k) + " of writer " +
-                                                   std::to_string(g) + ": state changed")));
+        const Qel::String text("event " + std::to_string(k) + " of writer " + std::to_string(g) +
+                               ": state changed");
+        messageBytes += text.size();
+        writers[g]->logEnq(KronlogWriter::LogEntry(t, text));
       }
     }
   } else {
@@ -96,10 +126,14 @@ Qel::Dir::Ptr build(const Input& in) {
       double t = kStart + start(rng);
       for (int k = 0; k < in.entriesPerWriter; ++k) {
         t += gap(rng);
-        writers[g]->logEnq(KronlogWriter::LogEntry(t, message(rng, g, k)));
+        const Qel::String text = message(rng, g, k);
+        messageBytes += text.size();
+        writers[g]->logEnq(KronlogWriter::LogEntry(t, text));
       }
     }
   }
+  builtHeap[&in] = {heapInUse() - heapBefore, messageBytes,
+                    static_cast<std::size_t>(n) * static_cast<std::size_t>(in.entriesPerWriter)};
   return dir;
 }
 
@@ -231,6 +265,25 @@ void summary() {
         "plain/reader %5.2fx  reader %6.1f ns/entry, %5.2f M entries/s\n",
         c.name.c_str(), o.median * 1e3, o.p10 * 1e3, o.p90 * 1e3, p.median * 1e3, p.p10 * 1e3,
         p.p90 * 1e3, p.median / o.median, o.median / kept * 1e9, kept / o.median / 1e6);
+  }
+  std::printf("\nHeap per entry (allocator's in-use bytes, chunk headers included):\n");
+  for (const Input& in : kInputs) {
+    const BuiltHeap& b = builtHeap[&in];
+    const KronlogReader::Config::Ptr config = configFor({in.name, &in, ".*"});
+    // The result's objects come from the framework's per-type pools, which
+    // earlier reads filled: count them by type, plus whatever the system
+    // allocator handed out on top.
+    const std::size_t before = heapInUse();
+    const std::size_t pooledBefore = pooledBytes();
+    KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
+    readerRead(config, status);
+    const double result =
+        static_cast<double>(pooledBytes() - pooledBefore + (heapInUse() - before)) / status->logs();
+    std::printf(
+        "  %-16s writers (filled by logEnq) %6.1f B per entry beyond its %5.1f message bytes; "
+        "a read's result %6.1f B per entry\n",
+        in.name, (static_cast<double>(b.heap) - static_cast<double>(b.messageBytes)) / b.entries,
+        static_cast<double>(b.messageBytes) / b.entries, result);
   }
 }
 
