@@ -194,6 +194,18 @@ class FollowerTest : public WriterAdapterTest {
     settle();
     return n;
   }
+  // Lets the server's adapter of `w` write exactly one more record.
+  void stepFlowOut(Writer* w) {
+    for (Qel::StreamAdapter::EntityId id = 1; id < 16; ++id) {
+      auto* a = dynamic_cast<KronlogWriter::WriterNboAttrLogAdapter*>(pair_->server->adapter(id));
+      if (!a || a->entity() != w) continue;
+      capacityIs(pair_->server->sendBufferBytes() + 1);
+      a->handleAttrFlowOut();
+      capacityIs(0);
+      return;
+    }
+    FAIL() << "no adapter streams " << w->name();
+  }
   Recorder follower_;
 };
 
@@ -221,6 +233,27 @@ TEST_F(FollowerTest, SlowLossNamesTheIndicesNotReceived) {
   EXPECT_EQ(follower_.gaps, std::vector<std::string>{"1-3"});
   EXPECT_EQ(follower_.slow, 3u);
   EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 4, 5}));
+}
+
+// A whole-log transfer that waits for room with its bookmark on the tail,
+// which is deleted and its index taken by a new event meanwhile, resumes
+// with what the index holds now: the follower gets the new event, not the
+// deleted one (which would make it skip the new one as already delivered).
+TEST_F(FollowerTest, TransferSendsWhatTheBookmarkedIndexHoldsNow) {
+  Writer::Ptr w = followed(Config(4, keepLastEntries));
+  for (int i = 0; i < 3; ++i) w->eventIs(std::to_string(i));
+  settle();
+  capacityIs(0);
+  w->eventIs("deleted");  // index 3; the log is dirty now
+  // One record per step: the transaction's opening, then entries 0 to 2;
+  // the transfer then waits with its bookmark on index 3.
+  for (int step = 0; step < 4; ++step) stepFlowOut(w.ptr());
+  w->logDel(3);  // the tail: the next index falls back to 3
+  w->eventIs("3");
+  capacityIs(kRoomy);
+  settle();
+  EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 1, 2, 3}));
+  EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
 }
 
 TEST_F(FollowerTest, RefusedEventsAreOverflowLosses) {
