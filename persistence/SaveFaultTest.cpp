@@ -111,8 +111,9 @@ class SaveFaultTest : public PersistenceTest {
     EXPECT_EQ(restore(), previousRows_);
     EXPECT_EQ(directoryEntries(dir()), std::vector<std::string>{"store"});
   }
-  std::string notWritten(const std::string& reason) const {
-    return std::string(kJsonDoStore) + " Could not write " + storePath() + ": " + reason +
+  // The trace of a save that could not write the store at `path`.
+  static std::string notWritten(const std::string& reason, const std::string& path) {
+    return std::string(kJsonDoStore) + " Could not write " + path + ": " + reason +
            "; the previous store is kept";
   }
   std::string notOpened() const {
@@ -171,7 +172,7 @@ class FileSizeLimitTest : public SaveFaultTest {
 TEST_F(FileSizeLimitTest, AnywhereInTheNewStoreItKeepsThePreviousStoreAndTracesWhy) {
   for (rlim_t limit : {rlim_t(0), rlim_t(5), rlim_t(4096), nextSize_ / 2, nextSize_ - 1}) {
     SCOPED_TRACE(limit);
-    EXPECT_EQ(saveUnderLimit(limit), notWritten("File too large"));
+    EXPECT_EQ(saveUnderLimit(limit), notWritten("File too large", storePath()));
     expectPreviousStoreKept();
   }
   EXPECT_EQ(saveUnderLimit(nextSize_), std::string(kJsonDoStore));
@@ -297,10 +298,6 @@ class FullFileSystemTest : public SaveFaultTest {
     SaveFaultTest::TearDown();
   }
   std::string smallStore() const { return mountPoint_ + "/store"; }
-  std::string noSpace() const {
-    return std::string(kJsonDoStore) + " Could not write " + smallStore() +
-           ": No space left on device; the previous store is kept";
-  }
   // The text of the last level-0 trace of the store driver.
   std::string lastStoreTrace() const {
     std::string last = "no trace";
@@ -318,7 +315,7 @@ TEST_F(FullFileSystemTest, AStoreLargerThanTheFileSystemKeepsThePreviousOne) {
   store(previousRows_);
   clearTraces();
   store(nextRows_);
-  EXPECT_EQ(lastStoreTrace(), noSpace());
+  EXPECT_EQ(lastStoreTrace(), notWritten("No space left on device", smallStore()));
   EXPECT_EQ(readFile(smallStore()), previous_);
   EXPECT_EQ(directoryEntries(mountPoint_), std::vector<std::string>{"store"});
 }
@@ -328,7 +325,7 @@ TEST_F(FullFileSystemTest, ANewStoreNeedsRoomBesideThePreviousOne) {
   store(generation(2, 380));  // about 57 KB; the next store is about 42 KB
   const std::string before = readFile(smallStore());
   store(generation(3, 280));
-  EXPECT_EQ(lastStoreTrace(), noSpace());
+  EXPECT_EQ(lastStoreTrace(), notWritten("No space left on device", smallStore()));
   EXPECT_EQ(readFile(smallStore()), before);
   fs::remove(smallStore());
   store(generation(3, 280));

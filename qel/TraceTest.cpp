@@ -22,15 +22,7 @@ namespace {
 
 using Captured = KronlogTesting::Seen;
 using KronlogTesting::CapturingSink;
-
-// Streams as "counted" and counts how often it was formatted.
-struct Counted {
-  int* formatted;
-};
-std::ostream& operator<<(std::ostream& os, const Counted& c) {
-  ++*c.formatted;
-  return os << "counted";
-}
+using KronlogTesting::Counted;
 
 Qel::Seconds fixedClock() {
   return 1700000000.25;

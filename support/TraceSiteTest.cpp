@@ -20,19 +20,11 @@ KRONLOG_TRACE_HANDLE()
 namespace {
 
 using KronlogTesting::CapturingSink;
+using KronlogTesting::Counted;
 using KronlogTesting::Seen;
 
 Seen seen(unsigned level, const char* file, int line, const char* function, const char* text) {
   return {level, file, line, function, text};
-}
-
-// Streams as "counted" and counts how often it was formatted.
-struct Counted {
-  int* calls;
-};
-std::ostream& operator<<(std::ostream& os, const Counted& c) {
-  ++*c.calls;
-  return os << "counted";
 }
 
 struct Throwing {};

@@ -36,6 +36,16 @@ inline std::ostream& operator<<(std::ostream& os, const Seen& s) {
             << ": \"" << s.text << '"';
 }
 
+// Streams as "counted" and counts how often it was formatted, so that a
+// test sees whether a trace site formatted its text at all.
+struct Counted {
+  int* formatted;
+};
+inline std::ostream& operator<<(std::ostream& os, const Counted& c) {
+  ++*c.formatted;
+  return os << "counted";
+}
+
 // Keeps the records of one facility ("Kronlog" unless told otherwise; null
 // keeps every facility's) for as long as it lives. It installs itself as the
 // trace sink with that facility's levels off, and puts back the sink and

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kronlog/KronlogWriterStreaming.h"
+#include "testing/StreamFixture.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -49,13 +50,8 @@ class WriterDirFollowerTest : public ::testing::Test {
     follower_.reset(new Lines(mount_, WriterFollower::Start::beginning));
   }
   template <class F>
-  bool runUntil(F done, Qel::Seconds seconds = 5) {
-    const Qel::Seconds end = Qel::EventLoop::monotonicNow() + seconds;
-    while (!done()) {
-      if (Qel::EventLoop::monotonicNow() > end) return false;
-      loop_->runOnce(0.01);
-    }
-    return true;
+  bool runUntil(F done) {
+    return StreamTesting::runUntil(loop_.ptr(), done);
   }
   // Runs until the copy stops changing.
   void settle() {
@@ -132,7 +128,7 @@ TEST_F(WriterDirFollowerTest, MountWaitingForItsServerConnectsWhenTheSocketAppea
   for (int i = 0; i < 5; ++i) loop_->runOnce(0.01);
   ASSERT_FALSE(mount_->mount()->synced());
   serve();
-  EXPECT_TRUE(runUntil([&] { return mount_->mount()->synced(); }, 5));
+  EXPECT_TRUE(runUntil([&] { return mount_->mount()->synced(); }));
 }
 
 }  // namespace

@@ -126,14 +126,11 @@ TEST(LogEntryTest, EqualityComparesTimeAndEveryMessageByteAndNaNIsNeverEqual) {
   }
 }
 
-TEST(LogEntryTest, PrintsExactTextFormEscapingTheMessage) {
+TEST(LogEntryTest, PrintsExactTextFormEscapingTheMessageAndAwkwardMessagesAndNaNRoundTrip) {
   EXPECT_EQ(streamed(LogEntry(1.5, "x")), kEntryText);
   EXPECT_EQ(valueToStrep(LogEntry(1763805600.0, bytes("a'b\\c\0d\ne"))),
             "Value('KronlogWriter::LogEntry', ** {'timestamp': 1763805600.0, "
             "'message': 'a\\'b\\\\c\\x00d\\ne'})");
-}
-
-TEST(LogEntryTest, AwkwardMessageAndNaNRoundTrip) {
   const LogEntry e(1763805600.123456, bytes("say \"hi\" 'now'\\\0\n\r\t\x7f\xff end"));
   EXPECT_EQ(roundTrip(e), e);
   EXPECT_TRUE(std::isnan(roundTrip(LogEntry(kNaN, "m")).timestamp()));
