@@ -43,8 +43,7 @@ Seconds TickClock::refresh(Ticks t) noexcept {
     // Over the whole time since the measurement started: the longer the
     // window, the smaller the error a wall read's own jitter leaves.
     const double rate = (wall - baseWall_) / static_cast<double>(t - baseTicks_);
-    // A counter between 1 MHz and 100 GHz; anything else is not a clock.
-    if (!(rate > 1e-11 && rate < 1e-6)) return restart(t, wall);
+    if (!(rate > kMinSecondsPerTick && rate < kMaxSecondsPerTick)) return restart(t, wall);
     secondsPerTick_ = rate;
     refreshTicks_ = static_cast<Ticks>(kRefresh / rate);
   }

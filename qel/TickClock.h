@@ -40,6 +40,17 @@ class TickClock {
   // the rate over; a smaller difference backwards is not passed on, so
   // readings of one clock never go back by less than this.
   static constexpr Seconds kTolerance = 1e-4;
+  // A counter between 1 MHz and 100 GHz; a measured rate outside these
+  // bounds is not a clock, and the measurement starts over.
+  static constexpr double kMinSecondsPerTick = 1e-11;
+  static constexpr double kMaxSecondsPerTick = 1e-6;
+  // Invariant: refreshTicks_ < 2^31, so the ticks since the anchor that
+  // now() extrapolates from fit a signed 32-bit integer: converting one to
+  // double is a single instruction even in 32-bit code, where an unsigned
+  // 64-bit one goes through memory twice and costs more than the rest of
+  // the reading.
+  static_assert(kRefresh / kMinSecondsPerTick < 2147483647.0,
+                "a refresh interval's ticks must fit 31 bits");
 
   // Constant-initialised, so that a thread_local instance needs no guard.
   constexpr TickClock(TickSource ticks, WallSource wall) noexcept : ticks_(ticks), wall_(wall) {}
@@ -51,7 +62,8 @@ class TickClock {
       // takes the refresh, which then finds the mismatch.
       const Ticks since = t - anchorTicks_;
       if (since < refreshTicks_) {
-        const Seconds s = anchorWall_ + static_cast<double>(since) * secondsPerTick_;
+        const Seconds s =
+            anchorWall_ + static_cast<double>(static_cast<std::int32_t>(since)) * secondsPerTick_;
         if (s > last_) last_ = s;
         return last_;
       }
