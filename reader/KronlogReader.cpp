@@ -7,6 +7,7 @@
 
 #include "kronlog/KronlogWriter.h"
 #include "qel/Exception.h"
+#include "qel/Prefetch.h"
 #include "qel/Strep.h"
 #include "qel/Type.h"
 #include "support/TraceSite.h"
@@ -332,8 +333,8 @@ bool mergeRuns(std::vector<Run>& runs, double min, double max, Status::LogQueue&
       // This run's next turn needs its following node and this entry's
       // message (whose count it takes): start loading both now, while the
       // other runs take their turns.
-      __builtin_prefetch(next->next());
-      __builtin_prefetch(next->entry().message().data(), 1);
+      Qel::prefetch(next->next());
+      Qel::prefetch(next->entry().message().data());
     } else {
       top = runs.back();
       runs.pop_back();

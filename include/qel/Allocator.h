@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "qel/Export.h"
+#include "qel/Prefetch.h"
 #include "qel/Ptr.h"
 
 namespace Qel {
@@ -36,7 +37,7 @@ class QEL_EXPORT TypeAllocator {
       free_ = n->next;
       // The next allocation reads the new head's link: start loading it
       // now, since freed blocks are seldom in cache.
-      __builtin_prefetch(free_);
+      prefetch(free_);
       ++allocations_;
       ++live_;
       return n;
