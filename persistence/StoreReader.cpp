@@ -393,8 +393,15 @@ class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
 
 // Why a first line that does not name the format fails, where a person can
 // be told more than "it differs".
+// Any file may come here, its first line as long as the file: the message
+// quotes the start of it and gives the length.
 std::string formatProblem(std::string_view bytes, std::string_view name) {
-  std::string text = "line 1 names the format \"" + std::string(name) + "\", not \"" +
+  constexpr std::size_t kQuoted = 32;
+  const std::string quoted = name.size() <= kQuoted
+                                 ? "\"" + std::string(name) + "\""
+                                 : "\"" + std::string(name.substr(0, kQuoted)) + "\"... (" +
+                                       std::to_string(name.size()) + " bytes)";
+  std::string text = "line 1 names the format " + quoted + ", not \"" +
                      JsonStore::storeFormat().stdString() + "\"";
   if (bytes.empty()) return "the file is empty";
   if (bytes.substr(0, 3) == "\xEF\xBB\xBF")

@@ -121,6 +121,10 @@ INSTANTIATE_TEST_SUITE_P(
             nullptr, 0},
         Bad{"Garbage", "hello world\n", StoreFault::formatName, 0,
             "line 1 names the format \"rld\", not \"JSON\": it is not a store file", nullptr, 0},
+        Bad{"LongFirstLine", std::string(100000, 'x'), StoreFault::formatName, 0,
+            "line 1 names the format \"xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx\"... (99992 bytes), not "
+            "\"JSON\": it is not a store file",
+            nullptr, 0},
         Bad{"HeaderOnly", kHead, StoreFault::noJsonContent, 24,
             "no JSON after the two header lines: nothing to restore", nullptr, 0},
         Bad{"Truncated", kHead + "{\"Kronlog\":[" + kGood.substr(0, 20), StoreFault::badJson, 56,
