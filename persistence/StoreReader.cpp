@@ -391,17 +391,20 @@ class Walker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Walker> {
   double timestamp_ = 0;
 };
 
+// A header line quoted in a message. Any file may be read as a store, and
+// a line may be as long as the file: only its start is quoted, with the
+// line's length.
+std::string quotedLine(std::string_view line) {
+  constexpr std::size_t kQuoted = 32;
+  if (line.size() <= kQuoted) return "\"" + std::string(line) + "\"";
+  return "\"" + std::string(line.substr(0, kQuoted)) + "\"... (" + std::to_string(line.size()) +
+         " bytes)";
+}
+
 // Why a first line that does not name the format fails, where a person can
 // be told more than "it differs".
-// Any file may come here, its first line as long as the file: the message
-// quotes the start of it and gives the length.
 std::string formatProblem(std::string_view bytes, std::string_view name) {
-  constexpr std::size_t kQuoted = 32;
-  const std::string quoted = name.size() <= kQuoted
-                                 ? "\"" + std::string(name) + "\""
-                                 : "\"" + std::string(name.substr(0, kQuoted)) + "\"... (" +
-                                       std::to_string(name.size()) + " bytes)";
-  std::string text = "line 1 names the format " + quoted + ", not \"" +
+  std::string text = "line 1 names the format " + quotedLine(name) + ", not \"" +
                      JsonStore::storeFormat().stdString() + "\"";
   if (bytes.empty()) return "the file is empty";
   if (bytes.substr(0, 3) == "\xEF\xBB\xBF")
@@ -435,7 +438,7 @@ class Reading {
       KRONLOG_RESTORE_TRACE(0, 120, << " store version is different, reader: "
                                     << JsonStore::storeVersion() << " store file: " << version);
       reading_.warnings.push_back({StoreFault::versionDiffers, line2,
-                                   "line 2 names version \"" + std::string(version) + "\", not \"" +
+                                   "line 2 names version " + quotedLine(version) + ", not \"" +
                                        JsonStore::storeVersion().stdString() +
                                        "\"; a restore reads it all the same"});
     }

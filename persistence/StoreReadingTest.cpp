@@ -46,6 +46,14 @@ TEST(StoreReadingTest, AnotherVersionIsAWarningOnly) {
   ASSERT_EQ(r.reading.warnings.size(), 1u);
   EXPECT_EQ(r.reading.warnings[0].fault, StoreFault::versionDiffers);
   EXPECT_EQ(r.reading.warnings[0].offset, 13u);
+  EXPECT_EQ(r.reading.warnings[0].text,
+            "line 2 names version \"2\", not \"1\"; a restore reads it all the same");
+  const Read longer =
+      readOf("FORMAT: JSON\nVERSION: " + std::string(5000, '7') + "\n{\"Kronlog\":[]}\n");
+  ASSERT_EQ(longer.reading.warnings.size(), 1u);
+  EXPECT_EQ(longer.reading.warnings[0].text,
+            "line 2 names version \"" + std::string(32, '7') +
+                "\"... (5000 bytes), not \"1\"; a restore reads it all the same");
 }
 
 // 255 entries are the most the restorer's walk ends on.
