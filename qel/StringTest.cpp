@@ -1,4 +1,5 @@
-// Tests of strings that share a heap block with their owner: who frees the
+// Tests of string equality, which compares short strings a word at a time,
+// and of strings that share a heap block with their owner: who frees the
 // block, when a rewrite in place is allowed, and what it leaves behind.
 #include <gtest/gtest.h>
 
@@ -10,6 +11,29 @@
 #include "qel/String.h"
 
 namespace {
+
+// Every length across the word-sized paths, a difference at every position
+// (the overlapping words must still see each byte), NULs inside, and equal
+// text in separate blocks and in one shared block.
+TEST(StringEqualityTest, EveryByteCountsAtEveryLength) {
+  for (std::size_t n = 0; n <= 40; ++n) {
+    SCOPED_TRACE(n);
+    std::string text(n, '\0');
+    for (std::size_t i = 0; i < n; ++i) text[i] = static_cast<char>(i % 3 == 0 ? 0 : 'a' + i);
+    const Qel::String a(text), b(text);
+    if (n > 0) {
+      EXPECT_NE(a.data(), b.data());  // two blocks (the empty string has none)
+    }
+    EXPECT_TRUE(a == b);
+    EXPECT_TRUE(a == Qel::String(a));
+    for (std::size_t k = 0; k < n; ++k) {
+      std::string other = text;
+      other[k] = static_cast<char>(other[k] ^ 0x80);
+      EXPECT_FALSE(a == Qel::String(other)) << "differs at " << k;
+    }
+    EXPECT_FALSE(a == Qel::String(text + "x"));
+  }
+}
 
 // Stands for an owner object at the start of the block.
 constexpr std::size_t kOwnerBytes = 24;

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -122,8 +123,39 @@ class QEL_EXPORT String {
 
 using String8 = String;
 
+namespace detail {
+template <class Word>
+inline Word wordAt(const char* p) noexcept {
+  Word w;
+  std::memcpy(&w, p, sizeof w);  // any alignment, no aliasing
+  return w;
+}
+}  // namespace detail
+
+// Setters compare each new value with the old one, and most strings are
+// short: for them a call to memcmp costs more than the comparison. Up to
+// 16 bytes are compared inline as two overlapping words; longer ones are
+// refused on a first differing word before memcmp is called.
+inline bool bytesEqual(const char* p, const char* q, std::size_t n) noexcept {
+  using detail::wordAt;
+  if (p == q) return true;  // one shared block
+  if (n >= 8) {
+    if (wordAt<std::uint64_t>(p) != wordAt<std::uint64_t>(q)) return false;
+    if (n <= 16) return wordAt<std::uint64_t>(p + n - 8) == wordAt<std::uint64_t>(q + n - 8);
+    return std::memcmp(p + 8, q + 8, n - 8) == 0;
+  }
+  if (n >= 4) {
+    return wordAt<std::uint32_t>(p) == wordAt<std::uint32_t>(q) &&
+           wordAt<std::uint32_t>(p + n - 4) == wordAt<std::uint32_t>(q + n - 4);
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    if (p[i] != q[i]) return false;
+  }
+  return true;
+}
+
 inline bool operator==(const String& a, const String& b) noexcept {
-  return a.view() == b.view();
+  return a.size() == b.size() && bytesEqual(a.data(), b.data(), a.size());
 }
 inline bool operator!=(const String& a, const String& b) noexcept {
   return !(a == b);
