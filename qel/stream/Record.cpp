@@ -33,12 +33,22 @@ const char* recordKindName(RecordKind kind) {
   return "unknown";
 }
 
+namespace {
+// Big-endian fields of a header whose bytes the caller has checked are there.
+std::uint32_t be32(const unsigned char* p) {
+  return static_cast<std::uint32_t>(p[0]) << 24 | static_cast<std::uint32_t>(p[1]) << 16 |
+         static_cast<std::uint32_t>(p[2]) << 8 | p[3];
+}
+}  // namespace
+
+// Read straight from the bytes rather than through an In: every record
+// passes here, and the header's fields are fixed. Each field is checked as
+// soon as its bytes are in, so that a hostile length or kind is refused
+// before the receiver waits (and buffers) for the rest.
 std::size_t frameAt(const char* data, std::size_t size, std::uint64_t base, FrameHeader* header) {
-  In in(data, size, base);
+  const auto* p = reinterpret_cast<const unsigned char*>(data);
   if (size < kLengthBytes) return 0;
-  std::uint32_t length = in.u32();
-  // Checked before waiting for the rest, so that a hostile length never
-  // makes the receiver buffer beyond the cap.
+  const std::uint32_t length = be32(p);
   if (length > kMaxFrameBytes - kLengthBytes) {
     throw FormatException(
         base, String("frame length " + std::to_string(length) + " exceeds the limit of " +
@@ -49,22 +59,23 @@ std::size_t frameAt(const char* data, std::size_t size, std::uint64_t base, Fram
         base, String("frame length " + std::to_string(length) + " is shorter than a header"));
   }
   if (size < kLengthBytes + 1) return 0;
-  std::uint64_t kindAt = in.offset();
-  std::uint8_t kind = in.u8();
+  const std::uint8_t kind = p[4];
   if (kind < kFirstRecordKind || kind > kLastRecordKind) {
-    throw FormatException(kindAt, String("unknown record kind " + std::to_string(kind)));
+    throw FormatException(base + 4, String("unknown record kind " + std::to_string(kind)));
   }
   if (size < kLengthBytes + 2) return 0;
-  std::uint64_t flagsAt = in.offset();
-  std::uint8_t flags = in.u8();
+  const std::uint8_t flags = p[5];
   if (flags != 0) {
-    throw FormatException(flagsAt, String("unknown frame flags " + std::to_string(flags)));
+    throw FormatException(base + 5, String("unknown frame flags " + std::to_string(flags)));
   }
   if (size < kLengthBytes + length) return 0;
+  // Invariant: length covers the whole header (checked above), so its
+  // last bytes are in too.
+  static_assert(kHeaderBytes == 12, "length, kind, flags, attribute (16 bits), entity (32 bits)");
   header->length = length;
   header->kind = static_cast<RecordKind>(kind);
-  header->attr = in.u16();
-  header->entity = in.u32();
+  header->attr = static_cast<AttributeId>(p[6] << 8 | p[7]);
+  header->entity = be32(p + 8);
   return kLengthBytes + length;
 }
 
