@@ -160,6 +160,29 @@ Reader::Ptr readerFactory(Qel::Ptr<Config const> const& config, Qel::Ptr<Status>
 
 QEL_FWK_TYPE_DEFINE(Reader, "KronlogReader::Reader")
 
+Pattern::Pattern(std::string_view text, std::regex::flag_type flags)
+    : text_(text), flags_(flags), backtracking_(text_, flags) {}
+
+const std::regex& Pattern::forSubject(std::size_t bytes) const {
+  if (bytes <= kBacktrackingBytes) return backtracking_;
+#if defined(__GLIBCXX__)
+  // Same grammar, same answers: the flag only selects libstdc++'s
+  // automaton matcher, and refuses back-references (error_complexity).
+  if (!automaton_) automaton_.emplace(text_, flags_ | std::regex_constants::__polynomial);
+  return *automaton_;
+#else
+  return backtracking_;
+#endif
+}
+
+bool Pattern::matchesWhole(std::string_view subject) const {
+  return std::regex_match(subject.begin(), subject.end(), forSubject(subject.size()));
+}
+
+bool Pattern::foundIn(std::string_view subject) const {
+  return std::regex_search(subject.begin(), subject.end(), forSubject(subject.size()));
+}
+
 namespace {
 
 // A pattern compiled on first use and then reused for the whole read, so
@@ -177,16 +200,16 @@ class LazyPattern {
       compiled();
       return name.view().find_first_of("\n\r") == std::string_view::npos;
     }
-    return std::regex_match(name.begin(), name.end(), compiled());
+    return compiled().matchesWhole(name.view());
   }
 
  private:
-  const std::regex& compiled() {
-    if (!regex_) regex_.emplace(text_.begin(), text_.end(), std::regex::ECMAScript);
-    return *regex_;
+  const Pattern& compiled() {
+    if (!pattern_) pattern_.emplace(text_.view());
+    return *pattern_;
   }
   Qel::String text_;
-  std::optional<std::regex> regex_;
+  std::optional<Pattern> pattern_;
 };
 
 using WriterLogMember = KronlogWriter::WriterLogMember;

@@ -137,6 +137,24 @@ TEST_F(ToolTest, ShowReadsALargeStoreTheRestorerCannotInOrder) {
   EXPECT_EQ(r.out, expected);
 }
 
+// Names and messages of any length are matched without exhausting the
+// stack; a pattern with back-references, which only the backtracking
+// matcher takes, is refused for them with a reason.
+TEST_F(ToolTest, PatternsMatchLongNamesAndMessages) {
+  const std::string agent(300000, 'a');
+  std::string message;
+  for (int i = 0; i < 100000; ++i) message += "ab";
+  writeStore("s", {storeEntry(1, agent, "g", message + "!")});
+  Result r = kronlog({"show", "--store", path("s"), "--agent", "a*", "-g", "(a|b)*!", "-o", "cat"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, message + "!\n");
+  r = kronlog({"show", "--store", path("s"), "--agent", "(a)\\1*"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err,
+            "kronlog show: a pattern with back-references cannot be matched against a name or "
+            "message of more than 1024 bytes\n");
+}
+
 // Short names are padded to columns of 24; longer ones are shown whole.
 TEST_F(ToolTest, CheckAcceptsAGoodStoreAndListsEveryGroupWithItsWholeNamesAndCount) {
   const std::string agent(200, 'a'), group(150, 'g');

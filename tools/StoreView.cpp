@@ -7,7 +7,7 @@ namespace KronlogTool {
 namespace {
 
 bool compileAll(const std::vector<std::string>& patterns, const char* option, bool icase,
-                std::vector<std::regex>* out, std::string* error) {
+                std::vector<KronlogReader::Pattern>* out, std::string* error) {
   auto flags = std::regex::ECMAScript;
   if (icase) flags |= std::regex::icase;
   for (const std::string& p : patterns) {
@@ -21,12 +21,10 @@ bool compileAll(const std::vector<std::string>& patterns, const char* option, bo
   return true;
 }
 
-bool anyMatchesWhole(const std::vector<std::regex>& patterns, const Qel::String& name) {
+bool anyMatchesWhole(const std::vector<KronlogReader::Pattern>& patterns, const Qel::String& name) {
   if (patterns.empty()) return true;  // no pattern: every name, line feeds and all
-  const std::string_view text = name.view();
-  return std::any_of(patterns.begin(), patterns.end(), [&](const std::regex& re) {
-    return std::regex_match(text.begin(), text.end(), re);
-  });
+  return std::any_of(patterns.begin(), patterns.end(),
+                     [&](const KronlogReader::Pattern& p) { return p.matchesWhole(name.view()); });
 }
 
 }  // namespace
@@ -47,8 +45,7 @@ bool EntryFilter::keeps(const KronlogReader::LogEntry& e) const {
     return false;
   }
   if (grep_.empty()) return true;
-  const std::string_view message = e.message().view();
-  return std::regex_search(message.begin(), message.end(), grep_.front());
+  return grep_.front().foundIn(e.message().view());
 }
 
 LoadedStore loadStore(const std::string& path) {

@@ -6,7 +6,6 @@
 #define KRONLOG_TOOLS_STOREVIEW_H
 
 #include <limits>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -32,8 +31,8 @@ class EntryFilter {
   bool keeps(const KronlogReader::LogEntry& entry) const;
 
  private:
-  std::vector<std::regex> agents_, groups_;
-  std::vector<std::regex> grep_;  // none or one
+  std::vector<KronlogReader::Pattern> agents_, groups_;
+  std::vector<KronlogReader::Pattern> grep_;  // none or one
   double since_ = -std::numeric_limits<double>::infinity();
   double until_ = std::numeric_limits<double>::infinity();
 };

@@ -17,9 +17,11 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <regex>
 #include <string>
 #include <vector>
 
+#include "kronlog/KronlogReader.h"
 #include "tools/Commands.h"
 #include "tools/Output.h"
 #include "tools/Usage.h"
@@ -74,6 +76,14 @@ int main(int argc, char** argv) {
     if (command == "demo-agents") return KronlogTool::demoAgentsCommand(args);
     if (command == "demo-restore") return KronlogTool::demoRestoreCommand(args);
     if (command == "demo-live-agent") return KronlogTool::demoLiveAgentCommand(args);
+  } catch (const std::regex_error&) {
+    // A pattern with back-references met a name or message too long for
+    // the backtracking matcher (see KronlogReader::Pattern).
+    std::fprintf(stderr,
+                 "kronlog %s: a pattern with back-references cannot be matched against a name or "
+                 "message of more than %zu bytes\n",
+                 command.c_str(), KronlogReader::Pattern::kBacktrackingBytes);
+    return KronlogTool::kExitData;
   } catch (const std::exception& e) {
     // Not expected: every input is validated first. Still one line, no trace.
     std::fprintf(stderr, "kronlog %s: internal error: %s\n", command.c_str(), e.what());

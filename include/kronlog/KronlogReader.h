@@ -14,6 +14,10 @@
 #define KRONLOG_KRONLOGREADER_H
 
 #include <limits>
+#include <optional>
+#include <regex>
+#include <string>
+#include <string_view>
 
 #include "kronlog/Export.h"
 #include "qel/Allocator.h"
@@ -241,6 +245,37 @@ class KRONLOG_EXPORT Reader : public Qel::PtrInterface, public Qel::WorkAtConstr
 
 KRONLOG_EXPORT Reader::Ptr readerFactory(Qel::Ptr<Config const> const& config,
                                          Qel::Ptr<Status> const& status);
+
+// A name or message pattern as the reader matches it: std::regex with the
+// ECMAScript grammar (plus `flags`, such as icase). Exposed for callers
+// that filter the same way, the kronlog tool among them.
+//
+// libstdc++'s backtracking matcher recurses once or more per character of
+// the subject, so a long subject (a name or message of some ten thousand
+// bytes) overflows the stack. Subjects up to kBacktrackingBytes use that
+// matcher, the fastest; longer ones an automaton whose stack use does not
+// grow with the subject. A pattern with back-references has no automaton:
+// against a longer subject it throws std::regex_error (error_complexity)
+// rather than risk the stack.
+class KRONLOG_EXPORT Pattern {
+ public:
+  static constexpr std::size_t kBacktrackingBytes = 1024;
+
+  // Throws std::regex_error for a malformed pattern.
+  explicit Pattern(std::string_view text, std::regex::flag_type flags = std::regex::ECMAScript);
+
+  // The whole subject matches (std::regex_match).
+  bool matchesWhole(std::string_view subject) const;
+  // Some part of the subject matches (std::regex_search).
+  bool foundIn(std::string_view subject) const;
+
+ private:
+  const std::regex& forSubject(std::size_t bytes) const;
+  std::string text_;
+  std::regex::flag_type flags_;
+  std::regex backtracking_;
+  mutable std::optional<std::regex> automaton_;  // built for the first long subject
+};
 
 }  // namespace KronlogReader
 
