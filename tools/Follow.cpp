@@ -65,13 +65,34 @@ std::string lossText(const std::string& agent, const std::string& group,
 
 class Session;
 
+// Says why a connection to a socket failed, once per distinct reason, so
+// that a follower pointed at another program's socket (or at a broken
+// agent) does not wait in silence. The mount keeps trying.
+class FailureReport : public Qel::Mount::Notifiee {
+ public:
+  FailureReport(const Qel::Mount::Ptr& mount, std::string path) : path_(std::move(path)) {
+    notifierIs(mount);
+  }
+  void onFailure(const Qel::String& reason) override {
+    if (reason.stdString() == last_) return;
+    last_ = reason.stdString();
+    std::fprintf(stderr, "kronlog follow: %s: connection dropped: %s; trying again\n",
+                 escapeForTerminal(path_).c_str(), escapeForTerminal(last_).c_str());
+  }
+
+ private:
+  std::string path_;
+  std::string last_;
+};
+
 // One --socket: a mount and the follower of the directory served there.
 class Source : public KronlogWriter::WriterDirFollower {
  public:
   Source(Session* session, const KronlogWriter::WriterDirMount::Ptr& mount, std::string path)
       : WriterDirFollower(mount, WriterFollower::Start::beginning),
         session_(session),
-        path_(std::move(path)) {}
+        path_(std::move(path)),
+        failures_(mount->mount(), path_) {}
   void onEntry(const Qel::Name& writer, unsigned int index,
                const KronlogWriter::LogEntry& entry) override;
   void onLoss(const Qel::Name& writer, const WriterFollower::Loss& loss) override;
@@ -84,6 +105,7 @@ class Source : public KronlogWriter::WriterDirFollower {
  private:
   Session* session_;
   std::string path_;
+  FailureReport failures_;
   bool synced_ = false;
   bool closed_ = false;
   // A slow loss is printed with the timestamp of the entry that showed it.

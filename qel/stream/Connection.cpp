@@ -70,6 +70,7 @@ NotifieeListBase* Connection::notifieeList() const {
 void Connection::fail(std::uint64_t offset, const String& reason) {
   QEL_STREAM_TRACE(0, kFile, 120, "close", << "close peer: " << peerName_ << " offset: " << offset
                                            << " reason: " << reason);
+  if (fd_ >= 0) failed_ = true;  // a connection already closed keeps how it ended
   close(reason);
 }
 

@@ -148,6 +148,10 @@ void Mount::closed() {
   // Released after the connection finishes notifying.
   Connection::Ptr gone = std::move(connection_);
   if (reactor_) reactor_->notifierIs(nullptr);
+  if (gone && gone->failed()) {
+    const String reason = gone->reason();
+    notifiees_.visitAs<Notifiee>(this, [&reason](Notifiee* n) { n->onFailure(reason); });
+  }
   if (synced_ || root_) {
     synced_ = false;
     stale_ = true;

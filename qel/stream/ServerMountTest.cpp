@@ -9,9 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "qel/Exception.h"
 #include "qel/stream/Mount.h"
@@ -25,8 +27,10 @@ class MountEvents : public Qel::Mount::Notifiee {
  public:
   void onSynced() override { ++synced; }
   void onStale() override { ++stale; }
+  void onFailure(const Qel::String& reason) override { failures.push_back(reason.stdString()); }
   int synced = 0;
   int stale = 0;
+  std::vector<std::string> failures;
 };
 
 class ServerMountTest : public ::testing::Test, public StreamTesting::SocketDir {
@@ -190,6 +194,29 @@ TEST_F(ServerMountTest, RestartedServerIsRemountedIntoAFreshCopyAndTheStaleOneSt
   EXPECT_EQ(old->gauge("volts")->value(), 230u);  // the old copy is as it was
   EXPECT_TRUE(old->readOnly());
   EXPECT_EQ(mount_->retryDelay(), 0.005);  // backoff starts over
+  EXPECT_TRUE(events_.failures.empty());   // a server going away is no failure
+}
+
+// Another program's socket: the mount says why it dropped the connection,
+// and keeps trying.
+TEST_F(ServerMountTest, SocketThatDoesNotSpeakTheStreamIsReportedAsAFailure) {
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, path.data(), path.size());
+  ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  mount();
+  ASSERT_TRUE(runUntil([&] { return mount_->connection() != nullptr; }));
+  const int peer = ::accept(listener, nullptr, nullptr);
+  const std::string reply = "HTTP/1.1 400 Bad Request\r\n\r\n";
+  ASSERT_EQ(::write(peer, reply.data(), reply.size()), static_cast<ssize_t>(reply.size()));
+  ASSERT_TRUE(runUntil([&] { return !events_.failures.empty(); }));
+  EXPECT_EQ(events_.failures,
+            std::vector<std::string>{"frame length 1213486160 exceeds the limit of 1048572"});
+  EXPECT_EQ(events_.stale, 0);  // never synced, so nothing went stale
+  ::close(peer);
+  ::close(listener);
 }
 
 TEST_F(ServerMountTest, ResyncNeverShowsAHalfBuiltCopy) {

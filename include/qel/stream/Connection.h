@@ -78,6 +78,9 @@ class QEL_EXPORT Connection : public PtrInterface {
   bool snapshotEnded() const noexcept { return snapshotEnded_; }
   // Why the connection closed ("" while open).
   const String& reason() const noexcept { return reason_; }
+  // Closed by a failure (malformed input, a socket error, a silent peer)
+  // rather than by either side's orderly close.
+  bool failed() const noexcept { return failed_; }
 
   // ---- Flow control
   std::size_t sendBufferCapacity() const noexcept { return capacity_; }
@@ -155,6 +158,7 @@ class QEL_EXPORT Connection : public PtrInterface {
   String advertisedName_;
   std::uint64_t peerIncarnation_ = 0;
   String reason_;
+  bool failed_ = false;
   bool handshook_ = false;
   bool snapshotEnded_ = false;
   bool snapshotPending_ = false;  // serving: end-of-snapshot not sent yet

@@ -39,6 +39,10 @@ class QEL_EXPORT Mount : public PtrInterface {
     virtual void onSynced() {}
     // The connection dropped; root() keeps the last state it had.
     virtual void onStale() {}
+    // A connection closed on a failure (Connection::failed): a socket that
+    // does not speak the stream, a malformed record, a silent peer. The
+    // mount tries again as after any other close.
+    virtual void onFailure(const String& reason) { (void)reason; }
   };
 
   // Starts connecting to `path` at once (the first attempt runs on the loop).
