@@ -130,14 +130,12 @@ inline Word wordAt(const char* p) noexcept {
   std::memcpy(&w, p, sizeof w);  // any alignment, no aliasing
   return w;
 }
-}  // namespace detail
 
 // Setters compare each new value with the old one, and most strings are
 // short: for them a call to memcmp costs more than the comparison. Up to
 // 16 bytes are compared inline as two overlapping words; longer ones are
 // refused on a first differing word before memcmp is called.
 inline bool bytesEqual(const char* p, const char* q, std::size_t n) noexcept {
-  using detail::wordAt;
   if (p == q) return true;  // one shared block
   if (n >= 8) {
     if (wordAt<std::uint64_t>(p) != wordAt<std::uint64_t>(q)) return false;
@@ -153,9 +151,10 @@ inline bool bytesEqual(const char* p, const char* q, std::size_t n) noexcept {
   }
   return true;
 }
+}  // namespace detail
 
 inline bool operator==(const String& a, const String& b) noexcept {
-  return a.size() == b.size() && bytesEqual(a.data(), b.data(), a.size());
+  return a.size() == b.size() && detail::bytesEqual(a.data(), b.data(), a.size());
 }
 inline bool operator!=(const String& a, const String& b) noexcept {
   return !(a == b);
