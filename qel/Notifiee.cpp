@@ -28,24 +28,9 @@ void NotifieeListBase::notifieeDel(NotifieeBase* notifiee) {
   }
 }
 
-void NotifieeListBase::doVisit(void (*visit)(NotifieeBase*, void*), void* context) {
-  struct Depth {
-    NotifieeListBase* list;
-    explicit Depth(NotifieeListBase* l) : list(l) { ++list->depth_; }
-    ~Depth() {
-      if (--list->depth_ == 0 && list->holes_) {
-        auto& m = list->members_;
-        m.erase(std::remove(m.begin(), m.end(), nullptr), m.end());
-        list->holes_ = false;
-      }
-    }
-  } depth(this);
-  // Members that join during the visit are appended behind `end`.
-  const std::size_t end = members_.size();
-  for (std::size_t i = 0; i < end; ++i) {
-    NotifieeBase* n = members_[i];
-    if (n) visit(n, context);
-  }
+void NotifieeListBase::holesCompact() noexcept {
+  members_.erase(std::remove(members_.begin(), members_.end(), nullptr), members_.end());
+  holes_ = false;
 }
 
 }  // namespace Qel

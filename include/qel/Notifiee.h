@@ -2,7 +2,7 @@
 //
 // A notifier keeps a NotifieeList of the objects that asked to hear about its
 // changes; each notifiee registers itself with notifierIs(). Delivery walks
-// the list with doVisit, during which notifiees may register and unregister
+// the list with visitAs, during which notifiees may register and unregister
 // freely (themselves or others): one that leaves is not called again, one
 // that joins is first called for the next notification.
 #ifndef QEL_NOTIFIEE_H
@@ -32,25 +32,32 @@ class QEL_EXPORT NotifieeListBase {
   void notifieeDel(NotifieeBase* notifiee);
   std::size_t notifiees() const noexcept { return size_; }
 
-  // Calls visit(notifiee, context) for each member present when the visit
-  // started and still present when its turn comes. Visits may nest (a
-  // notifiee may cause another notification); an exception from a notifiee
-  // propagates and leaves the list consistent.
-  void doVisit(void (*visit)(NotifieeBase*, void*), void* context);
-
   // Delivers one notification of `owner`, the object this list belongs to,
-  // calling f(notifiee) as an N*. The owner is held for the whole visit: a
-  // notifiee may drop what was the last reference to it (unregistering
-  // itself, say), and the list it is walking must not die under it. The
-  // owner may then go once the visit returns, so a notifier delivers as the
-  // last thing it does with itself, or its caller holds a reference (every
-  // mutator's contract). A list that belongs to no counted object passes
-  // null.
+  // calling f(notifiee) as an N* for each member present when the visit
+  // started and still present when its turn comes. Visits may nest (a
+  // notifiee may cause another notification); an exception from a
+  // notifiee propagates and leaves the list consistent.
+  //
+  // The owner is held for the whole visit: a notifiee may drop what was
+  // the last reference to it (unregistering itself, say), and the list it
+  // is walking must not die under it. The owner may then go once the
+  // visit returns, so a notifier delivers as the last thing it does with
+  // itself, or its caller holds a reference (every mutator's contract). A
+  // list that belongs to no counted object passes null.
+  //
+  // Inline, down to the call of each notifiee: a change notification is
+  // on the path of every recorded event and every streamed record.
   template <class N, class F>
   void visitAs(const PtrInterface* owner, F&& f) {
     if (size_ == 0) return;  // the common case costs one test
     Ptr<const PtrInterface> keep(owner);
-    doVisit([](NotifieeBase* n, void* ctx) { (*static_cast<F*>(ctx))(static_cast<N*>(n)); }, &f);
+    Visit visit(this);
+    // Members that join during the visit are appended behind `end`; the
+    // vector may move meanwhile, so each member is read by index.
+    const std::size_t end = members_.size();
+    for (std::size_t i = 0; i < end; ++i) {
+      if (NotifieeBase* n = members_[i]) f(static_cast<N*>(n));
+    }
   }
 
  private:
@@ -59,6 +66,20 @@ class QEL_EXPORT NotifieeListBase {
   // that the outermost visit compacts when it ends.
   std::vector<NotifieeBase*> members_;
   std::size_t size_ = 0;
+
+  // One level of visiting; the outermost level compacts the holes that
+  // members leaving during the visit left behind, however it ends.
+  struct Visit {
+    NotifieeListBase* list;
+    explicit Visit(NotifieeListBase* l) noexcept : list(l) { ++list->depth_; }
+    ~Visit() {
+      if (--list->depth_ == 0 && list->holes_) list->holesCompact();
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+  };
+  void holesCompact() noexcept;
+
   unsigned depth_ = 0;
   bool holes_ = false;
 };

@@ -30,9 +30,6 @@ constexpr char kFile[] = "Connection";
 // flooding peer cannot starve the rest of the loop.
 constexpr std::size_t kReadChunk = 64 * 1024;
 constexpr int kReadsPerRound = 8;
-// Records are batched in the send buffer and go out when the socket is
-// writable; past this many bytes they go out at once.
-constexpr std::size_t kEagerFlushBytes = 64 * 1024;
 constexpr std::size_t kMaxOpenTransactions = 4096;
 
 // Invariant: the receive buffer holds at most one partial frame plus one
@@ -102,18 +99,12 @@ void Connection::adapterRelease(StreamAdapter* adapter) {
 
 // ---- Sending
 
-NboAttrLog::Out& Connection::recordBegin(RecordKind kind, AttributeId attr, EntityId entity) {
-  if (role_ != Role::serving) {
-    throw InternalException(
-        String("stream record written on a mounting connection to " + peerName_.stdString()));
-  }
-  out_->frameBegin(static_cast<std::uint8_t>(kind), attr, entity);
-  return *out_;
+void Connection::recordOnMountingSide() const {
+  throw InternalException(
+      String("stream record written on a mounting connection to " + peerName_.stdString()));
 }
 
-void Connection::recordEnd() {
-  out_->frameEnd();
-  sentSinceTick_ = true;
+void Connection::recordEndSlow() {
   if (fd_ < 0) {
     out_->clear();
     return;
@@ -379,13 +370,9 @@ void Connection::parse() {
   }
 }
 
-StreamAdapter* Connection::target(const FrameHeader& h, In& in) {
-  StreamAdapter* a = adapters_.find(h.entity);
-  if (!a) {
-    throw FormatException(in.offset() - NboAttrLog::kHeaderBytes + 8,
-                          String("unknown entity identifier " + std::to_string(h.entity)));
-  }
-  return a;
+void Connection::entityUnknown(const FrameHeader& h, const In& in) const {
+  throw FormatException(in.offset() - NboAttrLog::kHeaderBytes + 8,
+                        String("unknown entity identifier " + std::to_string(h.entity)));
 }
 
 void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
@@ -434,7 +421,9 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
     default:
       break;
   }
-  StreamAdapter::Ptr a(target(h, in));
+  StreamAdapter* found = adapters_.find(h.entity);
+  if (!found) entityUnknown(h, in);
+  StreamAdapter::Ptr a(found);
   if (a->active_) throw InternalException("entity reactor is already active");
   Entity* e = a->entity();
   // A copy converted to writable belongs to its user now: the peer's

@@ -37,59 +37,23 @@ void Out::reserve(std::size_t n) {
   cap_ = cap;
 }
 
-void Out::f64(double v) {
-  static_assert(sizeof(double) == sizeof(std::uint64_t), "IEEE-754 binary64 expected");
-  std::uint64_t bits;
-  std::memcpy(&bits, &v, sizeof bits);
-  u64(bits);
+void Out::bytesTooLarge(std::size_t size) {
+  throwRangeException(
+      String("string of " + std::to_string(size) + " bytes is larger than a stream frame"));
 }
 
-void Out::bytes(const char* data, std::size_t size) {
-  // Checked here, not only at frameEnd, so that a 32-bit length field can
-  // never be truncated silently.
-  if (size > kMaxFrameBytes) {
-    throwRangeException(
-        String("string of " + std::to_string(size) + " bytes is larger than a stream frame"));
-  }
-  u32(static_cast<std::uint32_t>(size));
-  if (size > 0) std::memcpy(grow(size), data, size);
+void Out::frameNested() {
+  throw InternalException("stream frame begun inside another frame");
 }
 
-void Out::frameBegin(std::uint8_t kind, AttributeId attr, EntityId entity) {
-  if (frameOpen()) throw InternalException("stream frame begun inside another frame");
-  // Where the frame starts in the block. Bytes move only while no frame is
-  // open (reserve and consume compact only then), so the position holds
-  // even when bytes before the frame are sent meanwhile.
-  frameStart_ = size_;
-  // The header, written straight into the buffer: length 0 (filled in by
-  // frameEnd), kind, flags 0 (none defined; a receiver refuses any),
-  // attribute, entity. (Built on the stack and copied, it was read back as
-  // one word over twelve byte stores, a store-forwarding stall that cost
-  // more than the rest of a small record.)
-  char* p = grow(12);
-  p[0] = p[1] = p[2] = p[3] = 0;
-  p[4] = static_cast<char>(kind);
-  p[5] = 0;
-  p[6] = static_cast<char>(attr >> 8);
-  p[7] = static_cast<char>(attr & 0xff);
-  p[8] = static_cast<char>(entity >> 24);
-  p[9] = static_cast<char>((entity >> 16) & 0xff);
-  p[10] = static_cast<char>((entity >> 8) & 0xff);
-  p[11] = static_cast<char>(entity & 0xff);
+void Out::frameUnopened() {
+  throw InternalException("stream frame ended without being begun");
 }
 
-void Out::frameEnd() {
-  if (!frameOpen()) throw InternalException("stream frame ended without being begun");
-  std::size_t start = frameStart_;
-  std::size_t total = size_ - start;
-  frameStart_ = kNoFrame;
-  if (total > kMaxFrameBytes) {
-    size_ = start;
-    throwRangeException(String("stream frame of " + std::to_string(total) +
-                               " bytes exceeds the limit of " + std::to_string(kMaxFrameBytes)));
-  }
-  std::uint32_t length = static_cast<std::uint32_t>(total - sizeof(std::uint32_t));
-  for (int i = 0; i < 4; ++i) buf_[start + i] = static_cast<char>((length >> (8 * (3 - i))) & 0xff);
+void Out::frameTooLarge(std::size_t start, std::size_t total) {
+  size_ = start;
+  throwRangeException(String("stream frame of " + std::to_string(total) +
+                             " bytes exceeds the limit of " + std::to_string(kMaxFrameBytes)));
 }
 
 void Out::consume(std::size_t n) {

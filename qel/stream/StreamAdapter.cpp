@@ -14,10 +14,6 @@ StreamAdapter::StreamAdapter(Connection* connection, Entity* entity)
 
 StreamAdapter::~StreamAdapter() = default;
 
-bool StreamAdapter::mayTransmit() const noexcept {
-  return connection_ && id_ != 0 && connection_->mayTransmit();
-}
-
 namespace {
 [[noreturn]] void readOnlyWrite(const Entity& e) {
   throw InternalException(String("write-update from readonly proxy: " + e.fullName().stdString() +
@@ -32,16 +28,9 @@ void StreamAdapter::flowOutNeededIs() {
   }
 }
 
-StreamAdapter::Out& StreamAdapter::recordBegin(RecordKind kind, AttributeId attr) {
+void StreamAdapter::recordRefused() const {
   if (entity_ && entity_->readOnly()) readOnlyWrite(*entity_);
-  if (!connection_ || id_ == 0) {
-    throw InternalException(String("stream record written by an adapter without connection"));
-  }
-  return connection_->recordBegin(kind, attr, id_);
-}
-
-void StreamAdapter::recordEnd() {
-  connection_->recordEnd();
+  throw InternalException(String("stream record written by an adapter without connection"));
 }
 
 void StreamAdapter::transactionOpen(AttributeId attr) {

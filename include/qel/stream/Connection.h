@@ -133,8 +133,30 @@ class QEL_EXPORT Connection : public PtrInterface {
 
  private:
   friend class StreamAdapter;
-  NboAttrLog::Out& recordBegin(NboAttrLog::RecordKind kind, AttributeId attr, EntityId entity);
-  void recordEnd();
+  // Records are batched in the send buffer and go out when the socket is
+  // writable; past this many bytes they go out at once.
+  static constexpr std::size_t kEagerFlushBytes = 64 * 1024;
+
+  // Every sent record passes through these two, so they are inline and
+  // their rarer outcomes are out of line.
+  NboAttrLog::Out& recordBegin(NboAttrLog::RecordKind kind, AttributeId attr, EntityId entity) {
+    if (role_ != Role::serving) recordOnMountingSide();
+    out_->frameBegin(static_cast<std::uint8_t>(kind), attr, entity);
+    return *out_;
+  }
+  void recordEnd() {
+    out_->frameEnd();
+    sentSinceTick_ = true;
+    // The common case: open, below the eager flush, and already waiting
+    // for writability (which a non-empty buffer asks for).
+    if (fd_ >= 0 && out_->size() < kEagerFlushBytes &&
+        interest_ == (EventLoop::kReadable | EventLoop::kWritable)) {
+      return;
+    }
+    recordEndSlow();
+  }
+  [[noreturn]] void recordOnMountingSide() const;
+  void recordEndSlow();
   void flowOutNeeded(StreamAdapter* adapter);
 
   void onReady(std::uint32_t events);
@@ -143,7 +165,7 @@ class QEL_EXPORT Connection : public PtrInterface {
   void parse();
   void dispatch(const NboAttrLog::FrameHeader& h, NboAttrLog::In& in, std::uint64_t frameAt);
   void applyCreate(const NboAttrLog::FrameHeader& h, NboAttrLog::In& in);
-  StreamAdapter* target(const NboAttrLog::FrameHeader& h, NboAttrLog::In& in);
+  [[noreturn]] void entityUnknown(const NboAttrLog::FrameHeader& h, const NboAttrLog::In& in) const;
   void flush();
   void pump();
   void interestUpdate();
@@ -192,6 +214,21 @@ class QEL_EXPORT Connection : public PtrInterface {
   EventLoop::TimerId timer_ = 0;
   NotifieeListBase notifiees_;
 };
+
+// ---- StreamAdapter's per-record members, which need the Connection.
+
+inline bool StreamAdapter::mayTransmit() const noexcept {
+  return connection_ && id_ != 0 && connection_->mayTransmit();
+}
+
+inline NboAttrLog::Out& StreamAdapter::recordBegin(RecordKind kind, AttributeId attr) {
+  if (!connection_ || id_ == 0 || (entity_ && entity_->readOnly())) recordRefused();
+  return connection_->recordBegin(kind, attr, id_);
+}
+
+inline void StreamAdapter::recordEnd() {
+  connection_->recordEnd();
+}
 
 }  // namespace Qel
 

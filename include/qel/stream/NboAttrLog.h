@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "qel/Exception.h"
@@ -61,6 +62,9 @@ class QEL_EXPORT FormatException : public Exception {
 
 class QEL_EXPORT Out : public PtrInterface {
  public:
+  // A frame header: length, kind, flags, attribute, entity (see Record.h).
+  static constexpr std::size_t kFrameHeaderBytes = 12;
+
   Out() = default;
   ~Out() override;
   Out(const Out&) = delete;
@@ -72,18 +76,66 @@ class QEL_EXPORT Out : public PtrInterface {
   void u16(std::uint16_t v) { put(v); }
   void u32(std::uint32_t v) { put(v); }
   void u64(std::uint64_t v) { put(v); }
-  void f64(double v);
+  void f64(double v) {
+    static_assert(sizeof(double) == sizeof(std::uint64_t), "IEEE-754 binary64 expected");
+    std::uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    u64(bits);
+  }
   void boolean(bool v) { u8(v ? 1 : 0); }
   // Length, then the bytes. Throws RangeException for a string longer than
   // a frame can carry (nothing is written then).
   void string(const String& v) { bytes(v.data(), v.size()); }
-  void bytes(const char* data, std::size_t size);
+  void bytes(const char* data, std::size_t size) {
+    // Checked here, not only at frameEnd, so that a 32-bit length field
+    // can never be truncated silently.
+    if (size > kMaxFrameBytes) bytesTooLarge(size);
+    u32(static_cast<std::uint32_t>(size));
+    if (size > 0) std::memcpy(grow(size), data, size);
+  }
 
   // Starts a frame: writes a header with a zero length. Frames do not nest.
-  void frameBegin(std::uint8_t kind, AttributeId attr, EntityId entity);
+  //
+  // This and frameEnd are inline, with their failures out of line: a small
+  // record is little more than its header, and the calls cost more than
+  // the stores.
+  void frameBegin(std::uint8_t kind, AttributeId attr, EntityId entity) {
+    if (frameOpen()) frameNested();
+    // Where the frame starts in the block. Bytes move only while no frame
+    // is open (reserve and consume compact only then), so the position
+    // holds even when bytes before the frame are sent meanwhile.
+    frameStart_ = size_;
+    // Length 0 (filled in by frameEnd), kind, flags 0 (none defined; a
+    // receiver refuses any), attribute, entity; written straight into the
+    // buffer. (Built on the stack and copied, it was read back as one word
+    // over twelve byte stores, a store-forwarding stall that cost more
+    // than the rest of a small record.)
+    char* p = grow(kFrameHeaderBytes);
+    p[0] = p[1] = p[2] = p[3] = 0;
+    p[4] = static_cast<char>(kind);
+    p[5] = 0;
+    p[6] = static_cast<char>(attr >> 8);
+    p[7] = static_cast<char>(attr & 0xff);
+    p[8] = static_cast<char>(entity >> 24);
+    p[9] = static_cast<char>((entity >> 16) & 0xff);
+    p[10] = static_cast<char>((entity >> 8) & 0xff);
+    p[11] = static_cast<char>(entity & 0xff);
+  }
   // Fills in the open frame's length. A frame larger than kMaxFrameBytes is
   // taken back out whole and RangeException is thrown: a peer never sees it.
-  void frameEnd();
+  void frameEnd() {
+    if (!frameOpen()) frameUnopened();
+    const std::size_t start = frameStart_;
+    const std::size_t total = size_ - start;
+    frameStart_ = kNoFrame;
+    if (total > kMaxFrameBytes) frameTooLarge(start, total);
+    const std::uint32_t length = static_cast<std::uint32_t>(total - sizeof(std::uint32_t));
+    char* p = buf_ + start;
+    p[0] = static_cast<char>(length >> 24);
+    p[1] = static_cast<char>((length >> 16) & 0xff);
+    p[2] = static_cast<char>((length >> 8) & 0xff);
+    p[3] = static_cast<char>(length & 0xff);
+  }
   bool frameOpen() const noexcept { return frameStart_ != kNoFrame; }
 
   // The bytes not yet consumed.
@@ -97,6 +149,11 @@ class QEL_EXPORT Out : public PtrInterface {
 
  private:
   static constexpr std::size_t kNoFrame = static_cast<std::size_t>(-1);
+  [[noreturn]] static void bytesTooLarge(std::size_t size);
+  [[noreturn]] static void frameNested();
+  [[noreturn]] static void frameUnopened();
+  // Takes the frame starting at `start` back out, then throws.
+  [[noreturn]] void frameTooLarge(std::size_t start, std::size_t total);
   // Room for `n` more bytes; returns where they go.
   char* grow(std::size_t n) {
     if (cap_ - size_ < n) reserve(n);

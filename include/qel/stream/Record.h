@@ -42,6 +42,7 @@ constexpr std::size_t kMaxPeerNameBytes = 256;
 
 // Invariant: a header always fits in a frame, with room to spare.
 static_assert(kHeaderBytes < kMaxFrameBytes, "frame cap below header size");
+static_assert(kHeaderBytes == Out::kFrameHeaderBytes, "Out writes the header this reads");
 
 QEL_EXPORT const char* recordKindName(RecordKind kind);
 

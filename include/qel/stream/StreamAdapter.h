@@ -50,7 +50,7 @@ class QEL_EXPORT StreamAdapter : public PtrInterface {
 
   // May a record be written now? True while the connection serves this
   // entity and its send buffer has room; false on a mounting connection.
-  bool mayTransmit() const noexcept;
+  inline bool mayTransmit() const noexcept;
   // Asks the connection for a handleAttrFlowOut() call once its buffer has
   // room. Cheap and idempotent; the adapter remembers what is dirty. On a
   // read-only copy it throws the same InternalException as recordBegin: a
@@ -71,8 +71,8 @@ class QEL_EXPORT StreamAdapter : public PtrInterface {
   // peerName: <peer>" for a read-only copy, and InternalException when the
   // adapter has no connection. recordEnd throws RangeException for a frame
   // above the cap; the frame is then dropped whole.
-  Out& recordBegin(RecordKind kind, AttributeId attr);
-  void recordEnd();
+  inline Out& recordBegin(RecordKind kind, AttributeId attr);
+  inline void recordEnd();
   // Empty records bracketing a whole-collection transfer of `attr`.
   void transactionOpen(AttributeId attr);
   void transactionClose(AttributeId attr);
@@ -126,6 +126,8 @@ class QEL_EXPORT StreamAdapter : public PtrInterface {
 
  private:
   friend class Connection;
+  // Throws what recordBegin promises for an adapter that may not write.
+  [[noreturn]] void recordRefused() const;
   Connection* connection_;
   Qel::Ptr<Entity> entity_;
   EntityId id_ = 0;
@@ -149,5 +151,9 @@ QEL_EXPORT void streamTypeIs(const Name& typeName, StreamFactory factory);
 QEL_EXPORT const StreamFactory* streamType(const Name& typeName);
 
 }  // namespace Qel
+
+// The inline members above that reach into the connection are defined
+// after it.
+#include "qel/stream/Connection.h"  // IWYU pragma: export
 
 #endif  // QEL_STREAM_STREAMADAPTER_H
