@@ -16,8 +16,9 @@
 // Also measured: the latency from eventIs to the follower's onEntry at
 // 10,000 events per second (p50, p99), the cost of eventIs in the agent
 // with one follower connected against none (the agent services its loop
-// every 64 events in both), and the agent's resident memory over 10 million
-// events while its follower is stopped (SIGSTOP).
+// every 64 events in both), the cost of writing one event's records alone,
+// and the agent's resident memory over 10 million events while its
+// follower is stopped (SIGSTOP).
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -415,6 +416,48 @@ void BM_AgentEventIs(benchmark::State& state) {
   }
 }
 
+// ---- The records of one event, written alone
+//
+// The three records a full writer's event becomes (the new entry, the
+// deletion of the entry it evicted, the overflow count), written straight
+// into a send buffer that is emptied every 64 KiB: no notification, no
+// adapter, no socket. What streaming must add to eventIs in the agent is
+// at least this plus the raw floor's cost of sending the same bytes (its
+// CPU column).
+void BM_EventRecordsWritten(benchmark::State& state) {
+  using Qel::NboAttrLog::RecordKind;
+  const std::size_t captured = capturedEventBytes(1).front().size();
+  Qel::Ptr<Qel::NboAttrLog::Out> out = new Qel::NboAttrLog::Out;
+  const Qel::String messages[2] = {Qel::String(kMessages[0]), Qel::String(kMessages[1])};
+  const Qel::NboAttrLog::EntityId entity = 3;
+  std::uint32_t index = kLogSize;
+  std::uint64_t bytes = 0;
+  for (auto _ : state) {
+    for (int i = 0; i < kEventsPerIteration; ++i, ++index) {
+      const std::size_t before = out->size();
+      out->frameBegin(static_cast<std::uint8_t>(RecordKind::attrUpdate), 263, entity);
+      out->u32(index);
+      out->f64(1.7e9 + index);
+      out->string(messages[index & 1]);
+      out->frameEnd();
+      out->frameBegin(static_cast<std::uint8_t>(RecordKind::memberDel), 263, entity);
+      out->u32(index - kLogSize);
+      out->frameEnd();
+      out->frameBegin(static_cast<std::uint8_t>(RecordKind::attrUpdate), 261, entity);
+      out->u32(index - kLogSize + 1);
+      out->frameEnd();
+      bytes += out->size() - before;
+      if (out->size() >= kBatchBytes) out->consume(out->size());
+    }
+  }
+  benchmark::DoNotOptimize(out->data());
+  const std::uint64_t events = static_cast<std::uint64_t>(index - kLogSize);
+  if (bytes != events * captured)
+    state.SkipWithError("these are not the bytes a real connection sends per event");
+  state.SetItemsProcessed(static_cast<std::int64_t>(events));
+  state.counters["bytes/event"] = static_cast<double>(bytes) / static_cast<double>(events);
+}
+
 // ---- Agent memory over 10 million events, follower stopped
 
 void BM_AgentMemoryWithStoppedFollower(benchmark::State& state) {
@@ -449,6 +492,7 @@ BENCHMARK(BM_Kronlog)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_ZeroMQ)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_KronlogLatencyAt10kPerSecond)->UseRealTime()->Iterations(1);
 BENCHMARK(BM_AgentEventIs)->Arg(0)->Arg(1)->UseRealTime()->MinTime(1.0);
+BENCHMARK(BM_EventRecordsWritten)->MinTime(1.0);
 BENCHMARK(BM_AgentMemoryWithStoppedFollower)->UseRealTime()->Iterations(1);
 
 }  // namespace
