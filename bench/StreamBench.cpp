@@ -10,11 +10,14 @@
 // change is one record). The child mounts them: it decodes each frame,
 // finds the entity, applies the label to its read-only copy and notifies.
 // Both children report how many records (frames) they received, and a run
-// whose count differs from what was sent fails.
+// whose count differs from what was sent fails; they also report their CPU
+// time, so that each run shows which side bounds it (receiver_ns against
+// sender_ns, both CPU per record).
 //
 // Arg: label bytes per record (the frame is 20 bytes more).
 #include <benchmark/benchmark.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -39,8 +42,22 @@ constexpr int kGauges = 64;
 constexpr std::size_t kBatchBytes = 64 * 1024;
 constexpr int kRecordsPerIteration = 1024;
 
-// A child process at the other end of a socketpair; reports a count back
-// through a pipe when its end of the socket is closed.
+// What a child reports: records received and the CPU time it took.
+struct Received {
+  std::uint64_t records = ~0ull;
+  std::uint64_t cpuNs = 0;
+};
+
+std::uint64_t cpuNs(const rusage& ru) {
+  auto ns = [](const timeval& t) {
+    return static_cast<std::uint64_t>(t.tv_sec) * 1000000000ull +
+           static_cast<std::uint64_t>(t.tv_usec) * 1000ull;
+  };
+  return ns(ru.ru_utime) + ns(ru.ru_stime);
+}
+
+// A child process at the other end of a socketpair; reports its count and
+// CPU time back through a pipe when its end of the socket is closed.
 struct Child {
   pid_t pid = -1;
   int socket = -1;  // the parent's end
@@ -54,8 +71,12 @@ struct Child {
     if (c.pid == 0) {
       ::close(sv[0]);
       ::close(pipefd[0]);
-      std::uint64_t n = body(sv[1]);
-      (void)!::write(pipefd[1], &n, sizeof n);
+      Received r;
+      r.records = body(sv[1]);
+      rusage ru{};
+      ::getrusage(RUSAGE_SELF, &ru);
+      r.cpuNs = cpuNs(ru);
+      (void)!::write(pipefd[1], &r, sizeof r);
       ::_exit(0);
     }
     ::close(sv[1]);
@@ -64,19 +85,35 @@ struct Child {
     c.report = pipefd[0];
     return c;
   }
-  // Waits for the child's count after the parent's end is closed.
-  std::uint64_t finish() {
-    std::uint64_t n = 0;
-    if (::read(report, &n, sizeof n) != static_cast<ssize_t>(sizeof n)) n = ~0ull;
+  // Waits for the child's report after the parent's end is closed.
+  Received finish() {
+    Received r;
+    if (::read(report, &r, sizeof r) != static_cast<ssize_t>(sizeof r)) r = Received();
     ::waitpid(pid, nullptr, 0);
     ::close(report);
-    return n;
+    return r;
   }
 };
 
 std::vector<Qel::String> labels(std::size_t bytes) {
   // Two labels per size, so that every change is a change.
   return {Qel::String(std::string(bytes, 'a')), Qel::String(std::string(bytes, 'b'))};
+}
+
+std::uint64_t selfCpuNs() {
+  rusage ru{};
+  ::getrusage(RUSAGE_SELF, &ru);
+  return cpuNs(ru);
+}
+
+// CPU per record on each side: this process's since `senderStart` (taken
+// just before sending), and the child's whole life (its setup is small
+// against a run).
+void cpuCounters(benchmark::State& state, std::uint64_t senderStart, std::uint64_t sent,
+                 const Received& received) {
+  const double records = static_cast<double>(sent);
+  state.counters["sender_ns"] = static_cast<double>(selfCpuNs() - senderStart) / records;
+  state.counters["receiver_ns"] = static_cast<double>(received.cpuNs) / records;
 }
 
 // ---- Raw floor
@@ -117,6 +154,7 @@ void BM_RawFloor(benchmark::State& state) {
     }
     batch.clear();
   };
+  const std::uint64_t senderStart = selfCpuNs();
   for (auto _ : state) {
     for (int i = 0; i < kRecordsPerIteration; ++i) {
       batch += frames[sent & 1];
@@ -126,10 +164,11 @@ void BM_RawFloor(benchmark::State& state) {
   }
   flush();
   ::close(child.socket);
-  std::uint64_t received = child.finish();
-  if (received != sent) state.SkipWithError("the peer did not receive every record");
+  const Received received = child.finish();
+  if (received.records != sent) state.SkipWithError("the peer did not receive every record");
   state.counters["records/s"] =
       benchmark::Counter(static_cast<double>(sent), benchmark::Counter::kIsRate);
+  cpuCounters(state, senderStart, sent, received);
   state.SetBytesProcessed(static_cast<std::int64_t>(sent * frameBytes));
 }
 
@@ -159,6 +198,7 @@ void BM_Framework(benchmark::State& state) {
   std::uint64_t before = 0;  // records of the snapshot, counted by the peer too
   std::vector<Qel::String> ls = labels(bytes);
   std::uint64_t sent = 0;
+  const std::uint64_t senderStart = selfCpuNs();
   for (auto _ : state) {
     for (int i = 0; i < kRecordsPerIteration; ++i) {
       // Wait for room rather than let changes collapse: one change, one record.
@@ -171,13 +211,15 @@ void BM_Framework(benchmark::State& state) {
   before = server->recordsIn();  // the peer's handshake
   (void)before;
   server->close("done");
-  std::uint64_t received = child.finish();
+  const Received received = child.finish();
   // The peer also received the handshake, the snapshot (board, transaction
   // pair, 64 creates, 64 members, 128 attribute values) and its end.
   std::uint64_t snapshot = 1 + 1 + 2 + 2 * kGauges + 2 * kGauges + 1;
-  if (received != sent + snapshot) state.SkipWithError("the peer did not receive every record");
+  if (received.records != sent + snapshot)
+    state.SkipWithError("the peer did not receive every record");
   state.counters["records/s"] =
       benchmark::Counter(static_cast<double>(sent), benchmark::Counter::kIsRate);
+  cpuCounters(state, senderStart, sent, received);
 }
 
 BENCHMARK(BM_RawFloor)->Arg(16)->Arg(80)->Arg(200)->UseRealTime()->MinTime(1.0);

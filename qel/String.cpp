@@ -5,10 +5,37 @@
 #include <new>
 #include <ostream>
 
+#include "qel/Allocator.h"
 #include "qel/Exception.h"
 #include "qel/Ptr.h"
 
 namespace Qel {
+
+namespace {
+
+// Short strings' blocks come from free lists, one per 16-byte step of
+// block size: a stream peer's records and a reader's results make and drop
+// strings at a high rate, and reusing a block costs a fraction of a trip
+// through malloc and free. Longer strings, rarer and costlier to keep
+// around, go to malloc.
+constexpr std::size_t kPoolStep = 16;
+constexpr std::size_t kPools = 8;
+constexpr std::size_t kPooledBlockMax = kPoolStep * kPools;
+
+TypeAllocator& blockPool(std::size_t blockBytes) noexcept {
+  static TypeAllocator* const* pools = [] {
+    static const char* const names[kPools] = {
+        "Qel::String[16]", "Qel::String[32]", "Qel::String[48]",  "Qel::String[64]",
+        "Qel::String[80]", "Qel::String[96]", "Qel::String[112]", "Qel::String[128]"};
+    auto** made = new TypeAllocator*[kPools];  // lives until exit, as strings may
+    for (std::size_t i = 0; i < kPools; ++i)
+      made[i] = new TypeAllocator(names[i], (i + 1) * kPoolStep);
+    return made;
+  }();
+  return *pools[(blockBytes - 1) / kPoolStep];
+}
+
+}  // namespace
 
 String::String(const char* cstr) : String(cstr, cstr ? std::strlen(cstr) : 0) {}
 
@@ -16,7 +43,9 @@ String::String(const char* data, std::size_t size) : rep_(nullptr) {
   if (size == 0) return;
   if (size > kSizeMask - kOverheadBytes) throwRangeException("string too long");
   // One block holds the header, the bytes and a terminating NUL.
-  void* block = std::malloc(offsetof(Rep, chars) + size + 1);
+  const std::size_t blockBytes = offsetof(Rep, chars) + size + 1;
+  void* block = blockBytes <= kPooledBlockMax ? blockPool(blockBytes).allocate(blockBytes)
+                                              : std::malloc(blockBytes);
   if (!block) throw std::bad_alloc();
   rep_ = static_cast<Rep*>(block);
   new (&rep_->refs) std::atomic<std::uint32_t>(1);
@@ -54,7 +83,12 @@ void String::release(Rep* rep) noexcept {
     std::free(reinterpret_cast<char*>(rep) - distance);
     return;
   }
-  std::free(rep);
+  const std::size_t blockBytes = offsetof(Rep, chars) + rep->size + 1;
+  if (blockBytes <= kPooledBlockMax) {
+    blockPool(blockBytes).deallocate(rep, blockBytes);
+  } else {
+    std::free(rep);
+  }
 }
 
 namespace {

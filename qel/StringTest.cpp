@@ -1,13 +1,16 @@
 // Tests of string equality, which compares short strings a word at a time,
-// and of strings that share a heap block with their owner: who frees the
-// block, when a rewrite in place is allowed, and what it leaves behind.
+// of the pools that hold short strings' blocks, and of strings that share a
+// heap block with their owner: who frees the block, when a rewrite in place
+// is allowed, and what it leaves behind.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "qel/Allocator.h"
 #include "qel/String.h"
 
 namespace {
@@ -32,6 +35,33 @@ TEST(StringEqualityTest, EveryByteCountsAtEveryLength) {
       EXPECT_FALSE(a == Qel::String(other)) << "differs at " << k;
     }
     EXPECT_FALSE(a == Qel::String(text + "x"));
+  }
+}
+
+// Short strings' blocks come from one pool per 16-byte step of block size.
+// Each length must give its block back to the pool it came from (a wrong
+// step shows as one pool up and another down), and a block handed out again
+// must read as its new text only, NUL included.
+TEST(StringPoolTest, EveryLengthGoesBackToItsOwnPoolAndReuseShowsOnlyTheNewText) {
+  const auto live = [] {
+    std::vector<std::uint64_t> n;
+    for (const char* pool :
+         {"Qel::String[16]", "Qel::String[32]", "Qel::String[48]", "Qel::String[64]",
+          "Qel::String[80]", "Qel::String[96]", "Qel::String[112]", "Qel::String[128]"}) {
+      n.push_back(Qel::liveObjects(pool));
+    }
+    return n;
+  };
+  const std::vector<std::uint64_t> before = live();
+  for (std::size_t n = 1; n <= 160; ++n) {
+    SCOPED_TRACE(n);
+    { const Qel::String longer(std::string(n + 16, 'x')), same(std::string(n, 'y')); }
+    {
+      const Qel::String again(std::string(n, 'z'));
+      EXPECT_EQ(again.view(), std::string(n, 'z'));
+      EXPECT_EQ(std::strlen(again.c_str()), n);
+    }
+    EXPECT_EQ(live(), before);
   }
 }
 

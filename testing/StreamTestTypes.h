@@ -117,7 +117,9 @@ Qel::StreamAdapter::Ptr copyAdapter(Qel::Connection* c, Qel::Ptr<E> copy) {
 
 class GaugeAdapter : public Qel::StreamAdapter, public Gauge::Notifiee {
  public:
-  GaugeAdapter(Qel::Connection* c, Gauge* g) : StreamAdapter(c, g), gauge_(g) { notifierIs(g); }
+  GaugeAdapter(Qel::Connection* c, Gauge* g) : StreamAdapter(c, g), gauge_(g) {
+    if (sending()) notifierIs(g);
+  }
   const char* typeName() const override { return "StreamTesting::Gauge"; }
   void doSerializeOrphan(Out& out) override { out.string(gauge_->unit()); }
 
@@ -182,7 +184,9 @@ class GaugeAdapter : public Qel::StreamAdapter, public Gauge::Notifiee {
 
 class BoardAdapter : public Qel::StreamAdapter, public Board::Notifiee {
  public:
-  BoardAdapter(Qel::Connection* c, Board* b) : StreamAdapter(c, b), board_(b) { notifierIs(b); }
+  BoardAdapter(Qel::Connection* c, Board* b) : StreamAdapter(c, b), board_(b) {
+    if (sending()) notifierIs(b);
+  }
   const char* typeName() const override { return "StreamTesting::Board"; }
   void doSerializeOrphan(Out&) override {}
 

@@ -89,7 +89,7 @@ bool indexInRange(unsigned int index, unsigned int first, unsigned int next) {
 
 WriterNboAttrLogAdapter::WriterNboAttrLogAdapter(Qel::Connection* connection, Writer* writer)
     : StreamAdapter(connection, writer), writer_(writer) {
-  notifierIs(writer);
+  if (sending()) notifierIs(writer);
   dirty_ = qelIsOverflowCountDirty | qelIsLogMetadataDirty | qelIsLogDirty;
 }
 
@@ -270,7 +270,7 @@ Qel::StreamAdapter::Ptr WriterNboAttrLogAdapter::factory(Qel::Connection* connec
 
 WriterDirNboAttrLogAdapter::WriterDirNboAttrLogAdapter(Qel::Connection* connection, WriterDir* dir)
     : StreamAdapter(connection, dir), dir_(dir) {
-  notifierIs(dir);
+  if (sending()) notifierIs(dir);
 }
 
 WriterDirNboAttrLogAdapter::~WriterDirNboAttrLogAdapter() = default;

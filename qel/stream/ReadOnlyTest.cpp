@@ -63,11 +63,12 @@ TEST_F(ReadOnlyTest, ConvertedCopyIsWritableAndNoLongerFollowsItsSource) {
   EXPECT_FALSE(copy_->readOnly());
 }
 
-// An adapter that forgets to check the flow-in attribute and so tries to
-// send back what it just received.
+// An adapter that listens to its copy as well (which adapters need not do)
+// and forgets to check the flow-in attribute, so it tries to send back what
+// it just received.
 class EchoingGaugeAdapter : public StreamTesting::GaugeAdapter {
  public:
-  using GaugeAdapter::GaugeAdapter;
+  EchoingGaugeAdapter(Qel::Connection* c, Gauge* g) : GaugeAdapter(c, g) { notifierIs(g); }
   const char* typeName() const override { return "ReadOnlyTest::EchoingGauge"; }
   void onValue() override { flowOutNeededIs(); }
 };

@@ -217,6 +217,10 @@ class QEL_EXPORT Connection : public PtrInterface {
 
 // ---- StreamAdapter's per-record members, which need the Connection.
 
+inline bool StreamAdapter::sending() const noexcept {
+  return connection_ && connection_->role() == Connection::Role::serving;
+}
+
 inline bool StreamAdapter::mayTransmit() const noexcept {
   return connection_ && id_ != 0 && connection_->mayTransmit();
 }

@@ -9,7 +9,8 @@
 // connection holds for a slow peer is bounded by its send buffer plus one
 // dirty record per entity.
 //
-// Sending a change, the pattern every adapter follows:
+// Sending a change, the pattern every adapter follows (it registers with its
+// entity in its constructor when sending()):
 //   void onValue() override {
 //     if (flowInAttr() == kValue) return;       // the change came from the peer
 //     if (mayTransmit()) { sendValue(); } else { dirty_ |= kValueBit; flowOutNeededIs(); }
@@ -47,6 +48,13 @@ class QEL_EXPORT StreamAdapter : public PtrInterface {
   EntityId entityId() const noexcept { return id_; }
 
   // ---- Sending side
+
+  // True while the adapter is on a serving connection, the only kind that
+  // sends. An adapter on a mounting connection applies records to a copy
+  // and never sends, so it need not hear the copy's notifications (its own
+  // applying causes them): adapters register with their entity only when
+  // sending() holds at construction, which saves a call per received record.
+  inline bool sending() const noexcept;
 
   // May a record be written now? True while the connection serves this
   // entity and its send buffer has room; false on a mounting connection.
