@@ -19,7 +19,10 @@ namespace Qel {
 // Copies share one heap block and cost a reference-count update; the empty
 // string owns no block at all. The bytes are always followed by a NUL that
 // is not part of the string, so c_str() is free (and stops at the first NUL
-// inside, which is what C interfaces expect).
+// inside, which is what C interfaces expect). Blocks of up to 128 bytes
+// (strings of up to 119) are reused through per-size free lists, counted as
+// the tracked types "Qel::String[16]" to "Qel::String[128]"; longer ones
+// come from malloc.
 class QEL_EXPORT String {
  public:
   using IteratorConst = const char*;
