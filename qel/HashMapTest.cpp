@@ -160,16 +160,6 @@ TEST_F(HashMapTest, IteratorKeepsItsMemberAliveUntilItMovesAndEndsAtEnd) {
 // Sizes around the growth points as well as a large map.
 class HashMapIterationTest : public HashMapTest, public ::testing::WithParamInterface<int> {};
 
-TEST_P(HashMapIterationTest, EveryMemberIsFoundAndVisitedExactlyOnce) {
-  addMany(GetParam());
-  EXPECT_EQ(map_.size(), static_cast<std::size_t>(GetParam()));
-  for (const std::string& key : keysUpTo(GetParam())) {
-    ASSERT_NE(map_.member(Qel::Name(key)), nullptr) << key;
-    EXPECT_EQ(map_.member(Qel::Name(key))->qelHashKey(), key.c_str());
-  }
-  EXPECT_EQ(sorted(visit()), sorted(keysUpTo(GetParam())));
-}
-
 TEST_P(HashMapIterationTest, DeletingTheCurrentOrTheLastVisitedMemberVisitsEveryMemberOnce) {
   for (bool current : {true, false}) {
     SCOPED_TRACE(current ? "current" : "last visited");

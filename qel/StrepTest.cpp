@@ -69,12 +69,6 @@ TEST(StringTest, ComparisonTakesEveryByteUnsignedWithShorterPrefixFirst) {
   EXPECT_LT(String("z"), String("\xc3\xa9"));
 }
 
-TEST(StringTest, StreamWritesTheRawBytes) {
-  std::ostringstream os;
-  os << bytes("a\0'\\\n\xff", 6);
-  EXPECT_EQ(os.str(), std::string("a\0'\\\n\xff", 6));
-}
-
 std::uint64_t bitsOf(double d) {
   std::uint64_t b;
   std::memcpy(&b, &d, sizeof b);
