@@ -30,16 +30,6 @@ Read readOf(const std::string& bytes) {
   return {std::move(reading), statusRows(*status)};
 }
 
-TEST(StoreReadingTest, AGoodStoreIsCompleteAndHandsBackEveryEntry) {
-  const Read r =
-      readOf(storeOf({storeEntry("2.5", "B", "h", "second"), storeEntry("1", "A", "g", "first")}));
-  EXPECT_TRUE(r.reading.complete());
-  EXPECT_EQ(r.reading.fatalCheck(), nullptr);
-  EXPECT_EQ(r.reading.events, 2u);
-  EXPECT_EQ(r.reading.entries, 2u);
-  EXPECT_EQ(r.rows, (std::vector<Row>{{"B", "h", 2.5, "second"}, {"A", "g", 1, "first"}}));
-}
-
 TEST(StoreReadingTest, AnotherVersionIsAWarningOnly) {
   const Read r = readOf("FORMAT: JSON\nVERSION: 2\n{\"Kronlog\":[]}\n");
   EXPECT_TRUE(r.reading.complete());
