@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogWriter.h"
 #include "kronlog/KronlogWriterStreaming.h"
 #include "qel/Exception.h"
@@ -288,33 +287,6 @@ TEST_F(FollowerTest, FreshCopyOfTheSameWriterContinuesWithoutRepeats) {
   follower_.writerIs(third);
   EXPECT_EQ(follower_.gaps, std::vector<std::string>{"6-8"});
   EXPECT_EQ(follower_.indices.back(), 9u);
-}
-
-// ---- Reading a copy
-
-TEST_F(WriterAdapterTest, ReaderOverACopyReadsWhatItReadsOverTheSource) {
-  Writer::Ptr a = dir_->writerIs("a", Config(4, keepLastEntries));
-  Writer::Ptr b = dir_->writerIs("b", Config(4, keepLastEntries));
-  for (int i = 0; i < 6; ++i) (i % 2 ? a : b)->eventIs(std::to_string(i));
-  settle();
-  auto read = [](const Qel::Ptr<Qel::Entity>& dir) {
-    Qel::Dir::Ptr agents = Qel::dirFactory("agents");
-    agents->entityIs(dir);
-    KronlogReader::Config::Ptr c = KronlogReader::configFactory();
-    c->dirIs(agents);
-    KronlogReader::Status::Ptr s = KronlogReader::statusFactory();
-    KronlogReader::readerFactory(c, s);
-    std::string out;
-    for (const KronlogReader::Status::QelLog& m : s->logQueue()) {
-      out += m.value()->agentName().stdString() + "/" + m.value()->messageGroup().stdString() +
-             "/" + m.value()->message().stdString() + " ";
-    }
-    agents->entityDelAll();
-    return out;
-  };
-  std::string source = read(dir_);
-  EXPECT_EQ(read(copy()), source);
-  EXPECT_NE(source, "");
 }
 
 // ---- A read-only copy
