@@ -211,24 +211,6 @@ TEST(NeedStringTest, ConsumesExactlyTheLiteralAndRefusesAnyDifferenceOrEarlyEnd)
   }
 }
 
-TEST(DeserializeAttrTest, ReadsTheValueOrRaisesDeserializeExceptionNamingTheAttribute) {
-  auto read = [](const char* text, auto* out, const char* attribute) {
-    String s(text);
-    Qel::StrepIt it = s.begin();
-    Qel::deserializeAttr(it, s.end(), out, attribute);
-    return it == s.end();
-  };
-  unsigned int v = 0;
-  String label;
-  EXPECT_TRUE(read("17", &v, "count"));
-  EXPECT_EQ(v, 17u);
-  EXPECT_EQ(failureContext([&] { read("4294967296", &v, "count"); }, "count"), "count");
-  EXPECT_EQ(failureContext([&] { read("'unterminated", &label, "label"); }, "label"), "label");
-  EXPECT_EQ(failureContext([] { Qel::cannotConvert("<Qel::Dir at 0x10>", "KronlogWriter"); },
-                           "<Qel::Dir at 0x10>"),
-            "KronlogWriter");
-}
-
 // Read as a whole value: a reader refuses what it cannot read with
 // RangeException; text left after a good value is a DeserializeException.
 TEST(MalformedTextTest, IsRefusedWithTheRightException) {
