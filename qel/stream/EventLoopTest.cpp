@@ -43,17 +43,6 @@ TEST_F(EventLoopTest, ReadableFdRunsItsHandler) {
   EXPECT_EQ(seen_, (std::vector<std::string>{"readable", "readable"}));
 }
 
-TEST_F(EventLoopTest, InterestChangeTakesEffect) {
-  int writable = 0;
-  loop_->fdIs(fds_[0], EventLoop::kReadable, [&](std::uint32_t e) {
-    if (e & EventLoop::kWritable) ++writable;
-  });
-  EXPECT_EQ(loop_->runOnce(0), 0u);
-  loop_->fdInterestIs(fds_[0], EventLoop::kReadable | EventLoop::kWritable);
-  loop_->runOnce(0);
-  EXPECT_EQ(writable, 1);
-}
-
 TEST_F(EventLoopTest, HandlerMayRemoveItselfAndAnotherReadyWatch) {
   // Both are ready in the same round; whichever runs first removes both.
   int runs = 0;
