@@ -133,18 +133,6 @@ TEST_F(WriterDirTest, DelByIteratorRemovesTheWriterUnderItAndNothingAtTheEnd) {
   EXPECT_EQ(dir_->writers(), 1u);
 }
 
-// ---- Iteration over a const directory
-
-TEST_F(WriterDirTest, RangeForAndConstIteratorVisitEveryWriterOnce) {
-  for (const char* n : {"a", "b", "c"}) add(n);
-  const WriterDir& d = *dir_;
-  Strings ranged, iterated;
-  for (const Writer& w : d.writerMap()) ranged.push_back(w.name().stdString());
-  for (auto it = d.writerIterConst(); it; ++it) iterated.push_back(it->name().stdString());
-  EXPECT_EQ(sorted(ranged), (Strings{"a", "b", "c"}));
-  EXPECT_EQ(iterated, ranged);
-}
-
 // ---- nameIsFromBackup: the writer stays under its old key.
 
 TEST_F(WriterDirTest, RenamedWritersAreStillFoundAndRemovedUnderTheirKeys) {
