@@ -222,18 +222,6 @@ TEST_F(FollowerTest, EntriesPlusSlowLossesEqualEventsRecordedAcrossTheIndexWrap)
   EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
 }
 
-TEST_F(FollowerTest, SlowLossNamesTheIndicesNotReceived) {
-  Writer::Ptr w = followed(Config(2, keepLastEntries));
-  capacityIs(1);
-  for (int i = 0; i < 6; ++i) w->eventIs(std::to_string(i));
-  capacityIs(kRoomy);
-  settle();
-  // The first event went out at once; 1 to 3 were evicted before sending.
-  EXPECT_EQ(follower_.gaps, std::vector<std::string>{"1-3"});
-  EXPECT_EQ(follower_.slow, 3u);
-  EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 4, 5}));
-}
-
 // A whole-log transfer that waits for room with its bookmark on the tail,
 // which is deleted and its index taken by a new event meanwhile, resumes
 // with what the index holds now: the follower gets the new event, not the
@@ -253,25 +241,6 @@ TEST_F(FollowerTest, TransferSendsWhatTheBookmarkedIndexHoldsNow) {
   settle();
   EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 1, 2, 3}));
   EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
-}
-
-TEST_F(FollowerTest, RefusedEventsAreOverflowLosses) {
-  Writer::Ptr w = followed(Config(3, keepFirstEntries));
-  unsigned n = record(w.ptr(), 100);
-  EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 1, 2}));
-  EXPECT_EQ(follower_.overflow, n - 3);
-  EXPECT_EQ(follower_.slow, 0u);
-}
-
-TEST_F(FollowerTest, StartingOnAFilledCopyHandsOverWhatItHolds) {
-  Writer::Ptr w = dir_->writerIs("g", Config(3, keepLastEntries));
-  for (int i = 0; i < 5; ++i) w->eventIs(std::to_string(i));
-  settle();
-  follower_.writerIs(copyOf("g"));
-  w->eventIs("5");
-  settle();
-  EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{2, 3, 4, 5}));
-  EXPECT_EQ(follower_.slow + follower_.overflow, 0u);
 }
 
 TEST_F(FollowerTest, FreshCopyOfTheSameWriterContinuesWithoutRepeats) {
