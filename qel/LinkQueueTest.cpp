@@ -334,14 +334,11 @@ class LinkQueueWrapTest : public LinkQueueTest {
   }
 };
 
-TEST_F(LinkQueueWrapTest, AppendsWrapPastTheLargestIndexAreFoundAndDequeuedInOrder) {
+TEST_F(LinkQueueWrapTest, AppendsWrapPastTheLargestIndexAndAreDequeuedInOrder) {
   EXPECT_EQ(indexes(), kWrapped);
   EXPECT_EQ(values(), (Values{1, 2, 3, 4}));
   EXPECT_EQ(q.headIndex(), kMax - 1);
   EXPECT_EQ(q.nextIndex(), 2u);
-  for (Node* m = q.head(); m; m = m->next()) EXPECT_EQ(q.find(m->index()), m);
-  EXPECT_EQ(q.find(2), nullptr);
-  EXPECT_EQ(q.find(kMax - 2), nullptr);
   Indexes order;
   while (NodePtr m = q.deq()) order.push_back(m->index());
   EXPECT_EQ(order, kWrapped);
