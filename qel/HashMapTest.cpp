@@ -116,32 +116,6 @@ TEST_F(HashMapTest, TakenKeyOrMemberOfAnotherMapIsRefusedAndTheHolderKept) {
   EXPECT_EQ(twin->references(), 2u);
 }
 
-TEST_F(HashMapTest, RemovedMemberIsReturnedUnlinkedLivesAsLongAsThePtrAndCanJoinAgain) {
-  add("a");
-  Item* b = add("b");
-  Qel::Ptr<Item> removed = map_.memberDel("b");
-  EXPECT_EQ(removed.ptr(), b);
-  EXPECT_EQ(map_["b"], nullptr);
-  EXPECT_FALSE(map_.memberDel("b"));
-  EXPECT_EQ(map_.size(), 1u);
-  EXPECT_FALSE(b->qelInCollection_);
-  EXPECT_EQ(b->qelHashNext_, nullptr);
-  EXPECT_EQ(removed->references(), 1u);
-  EXPECT_TRUE(map_.newMember(removed.ptr()));
-  map_.memberDel("b");
-  removed = nullptr;
-  EXPECT_EQ(destroyed_, 1);
-}
-
-TEST_F(HashMapTest, DestroyingTheMapReleasesEveryMember) {
-  {
-    ItemMap local;
-    for (int i = 0; i < 10; ++i) local.newMember(newItem(Qel::Name(keyOf(i))).ptr());
-    EXPECT_EQ(destroyed_, 0);
-  }
-  EXPECT_EQ(destroyed_, 10);
-}
-
 TEST_F(HashMapTest, IteratorKeepsItsMemberAliveUntilItMovesAndEndsAtEnd) {
   Item* a = add("a");
   ItemMap::Iterator it = map_.begin();
