@@ -2,7 +2,6 @@
 // configuration, removal, renaming from a backup, const iteration, lifetimes.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <tuple>
@@ -57,11 +56,6 @@ class WriterDirTest : public ::testing::Test {
 
   Strings heard() const { return heard_.heard; }
 
-  static Strings sorted(Strings s) {
-    std::sort(s.begin(), s.end());
-    return s;
-  }
-
   WriterDir::Ptr dir_;
   DirRecorder heard_;
 };
@@ -109,16 +103,6 @@ TEST_F(WriterDirTest, DelRemovesReturnsUnparentsAndNotifiesButAnAbsentNameIsSile
   EXPECT_EQ(w->parent(), nullptr);
   EXPECT_EQ(w->logs(), 2u);
   EXPECT_EQ(heard(), (Strings{"w", "w"}));
-}
-
-TEST_F(WriterDirTest, DelAllOnThreeWritersNotifiesEachNameOnceAndEmpties) {
-  Writer::Ptr a = add("a"), b = add("b"), c = add("c");
-  dir_->writerDelAll();
-  const Strings h = heard();
-  ASSERT_EQ(h.size(), 6u);
-  EXPECT_EQ(sorted(Strings(h.begin() + 3, h.end())), (Strings{"a", "b", "c"}));
-  EXPECT_EQ(dir_->writers(), 0u);
-  EXPECT_TRUE(!a->parent() && !b->parent() && !c->parent());
 }
 
 TEST_F(WriterDirTest, DelByIteratorRemovesTheWriterUnderItAndNothingAtTheEnd) {
