@@ -177,14 +177,6 @@ TEST(StoreReadingTest, EveryLossyProblemIsListedOnceInFileOrder) {
             "event 2 lacks \"agentName\", \"messageGroup\", \"message\", so a restore drops it");
 }
 
-TEST(StoreReadingTest, AMissingFileIsACannotReadProblem) {
-  KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
-  const auto r = KronlogStore::readStoreFile("/nonexistent/store", *status);
-  ASSERT_EQ(r.problems.size(), 1u);
-  EXPECT_EQ(r.problems[0].fault, StoreFault::cannotRead);
-  EXPECT_EQ(r.problems[0].text, "cannot open /nonexistent/store: No such file or directory");
-}
-
 // ---- The JSON of one entry for programs: valid JSON, nothing lost
 
 // Timestamps read as written, correctly rounded, including texts a save
