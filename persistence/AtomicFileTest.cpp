@@ -1,10 +1,9 @@
 // Tests of the atomic file replacement under the store, for what the
 // store's own tests cannot reach: a relative target, a rename that fails,
-// an object dropped before its commit, and a commit repeated.
+// and a commit repeated.
 #include "persistence/AtomicFile.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -43,18 +42,6 @@ TEST_F(AtomicFileTest, AFailedRenameLeavesTheTargetAndNoTemporaryFile) {
   }
   EXPECT_TRUE(fs::is_directory(target()));
   EXPECT_EQ(files(), std::vector<std::string>{"target"});
-}
-
-TEST_F(AtomicFileTest, AnUncommittedTemporaryFileIsRemovedWithTheObject) {
-  writeFile(target(), "previous");
-  {
-    Kronlog::AtomicFile file;
-    ASSERT_TRUE(file.open(target()));
-    EXPECT_EQ(file.writingPath(), target() + "." + std::to_string(::getpid()) + ".tmp");
-    EXPECT_TRUE(fs::exists(file.writingPath()));
-  }
-  EXPECT_EQ(files(), std::vector<std::string>{"target"});
-  EXPECT_EQ(readFile(target()), "previous");
 }
 
 TEST_F(AtomicFileTest, ASecondCommitFailsAndChangesNothing) {

@@ -30,16 +30,6 @@ Read readOf(const std::string& bytes) {
   return {std::move(reading), statusRows(*status)};
 }
 
-TEST(StoreReadingTest, AGoodStoreIsCompleteAndHandsBackEveryEntry) {
-  const Read r =
-      readOf(storeOf({storeEntry("2.5", "B", "h", "second"), storeEntry("1", "A", "g", "first")}));
-  EXPECT_TRUE(r.reading.complete());
-  EXPECT_EQ(r.reading.fatalCheck(), nullptr);
-  EXPECT_EQ(r.reading.events, 2u);
-  EXPECT_EQ(r.reading.entries, 2u);
-  EXPECT_EQ(r.rows, (std::vector<Row>{{"B", "h", 2.5, "second"}, {"A", "g", 1, "first"}}));
-}
-
 TEST(StoreReadingTest, AnotherVersionIsAWarningOnly) {
   const Read r = readOf("FORMAT: JSON\nVERSION: 2\n{\"Kronlog\":[]}\n");
   EXPECT_TRUE(r.reading.complete());
@@ -185,14 +175,6 @@ TEST(StoreReadingTest, EveryLossyProblemIsListedOnceInFileOrder) {
   EXPECT_EQ(r.reading.problems[1].offset, 36u + missing.size() + 1 + kGood.size() + 1);
   EXPECT_EQ(r.reading.problems[1].text,
             "event 2 lacks \"agentName\", \"messageGroup\", \"message\", so a restore drops it");
-}
-
-TEST(StoreReadingTest, AMissingFileIsACannotReadProblem) {
-  KronlogReader::Status::Ptr status = KronlogReader::statusFactory();
-  const auto r = KronlogStore::readStoreFile("/nonexistent/store", *status);
-  ASSERT_EQ(r.problems.size(), 1u);
-  EXPECT_EQ(r.problems[0].fault, StoreFault::cannotRead);
-  EXPECT_EQ(r.problems[0].text, "cannot open /nonexistent/store: No such file or directory");
 }
 
 // ---- The JSON of one entry for programs: valid JSON, nothing lost

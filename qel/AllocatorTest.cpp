@@ -53,16 +53,6 @@ class AllocatorTest : public ::testing::Test {
   static void churn() { Qel::dirFactory("churn"); }
 };
 
-TEST_F(AllocatorTest, ReleasingATreeBringsTheLiveCountBackDown) {
-  std::uint64_t before = liveDirs();
-  Qel::Dir::Ptr root = Qel::dirFactory("root");
-  for (int i = 0; i < 10; ++i) root->entityIs(Qel::dirFactory(Qel::Name(std::to_string(i))));
-  EXPECT_EQ(liveDirs(), before + 11);
-  root = nullptr;
-  EXPECT_EQ(liveDirs(), before);
-  EXPECT_EQ(Qel::liveObjects("QelTest::NoSuchType"), 0u);
-}
-
 TEST_F(AllocatorTest, AllocatorIsListedUnderTheTypeNameAndCountsEveryAllocation) {
   churn();
   const Qel::TypeAllocator* a = allocatorNamed("Qel::Dir");

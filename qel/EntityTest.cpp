@@ -153,14 +153,4 @@ TEST_F(DirTest, DestroyedDirReleasesItsMembersAndClearsTheirParents) {
   EXPECT_EQ(a->references(), 1u);
 }
 
-TEST(EntityTest, OnlyALiveEntitysOwnAddressFindsIt) {
-  Dir::Ptr d = Qel::dirFactory("d");
-  const char* address = reinterpret_cast<const char*>(d.ptr());
-  EXPECT_EQ(Qel::Entity::liveEntity(address), d.ptr());
-  EXPECT_EQ(Qel::Entity::liveEntity(address + sizeof(void*)), nullptr);
-  EXPECT_EQ(Qel::Entity::liveEntity(nullptr), nullptr);
-  d = nullptr;
-  EXPECT_EQ(Qel::Entity::liveEntity(address), nullptr);
-}
-
 }  // namespace

@@ -139,12 +139,6 @@ TEST_P(PtrTest, DynamicCastSharesTheObjectOrIsNullWithoutAReference) {
   EXPECT_EQ(base->references(), 2u);
 }
 
-TEST_P(PtrTest, ComparesByIdentity) {
-  Qel::Ptr<Tracked> a = make();
-  Qel::Ptr<Tracked> a2 = a;
-  EXPECT_TRUE(a == a2 && a != make() && a != nullptr && Qel::Ptr<Tracked>() == nullptr);
-}
-
 // A count belongs to the object's place, never to its value.
 TEST_P(PtrTest, CopyingOrAssigningAnObjectLeavesTheCountsAlone) {
   Qel::Ptr<Tracked> a = make();

@@ -69,12 +69,6 @@ TEST(StringTest, ComparisonTakesEveryByteUnsignedWithShorterPrefixFirst) {
   EXPECT_LT(String("z"), String("\xc3\xa9"));
 }
 
-TEST(StringTest, StreamWritesTheRawBytes) {
-  std::ostringstream os;
-  os << bytes("a\0'\\\n\xff", 6);
-  EXPECT_EQ(os.str(), std::string("a\0'\\\n\xff", 6));
-}
-
 std::uint64_t bitsOf(double d) {
   std::uint64_t b;
   std::memcpy(&b, &d, sizeof b);
@@ -215,24 +209,6 @@ TEST(NeedStringTest, ConsumesExactlyTheLiteralAndRefusesAnyDifferenceOrEarlyEnd)
     EXPECT_EQ(failureContext([&] { need(String(changed + "12")); }), literal) << changed;
     EXPECT_EQ(failureContext([&] { need(String(literal.substr(0, i))); }), literal) << i;
   }
-}
-
-TEST(DeserializeAttrTest, ReadsTheValueOrRaisesDeserializeExceptionNamingTheAttribute) {
-  auto read = [](const char* text, auto* out, const char* attribute) {
-    String s(text);
-    Qel::StrepIt it = s.begin();
-    Qel::deserializeAttr(it, s.end(), out, attribute);
-    return it == s.end();
-  };
-  unsigned int v = 0;
-  String label;
-  EXPECT_TRUE(read("17", &v, "count"));
-  EXPECT_EQ(v, 17u);
-  EXPECT_EQ(failureContext([&] { read("4294967296", &v, "count"); }, "count"), "count");
-  EXPECT_EQ(failureContext([&] { read("'unterminated", &label, "label"); }, "label"), "label");
-  EXPECT_EQ(failureContext([] { Qel::cannotConvert("<Qel::Dir at 0x10>", "KronlogWriter"); },
-                           "<Qel::Dir at 0x10>"),
-            "KronlogWriter");
 }
 
 // Read as a whole value: a reader refuses what it cannot read with

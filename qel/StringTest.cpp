@@ -88,14 +88,6 @@ class OwnedStringTest : public ::testing::Test {
   void* block_ = nullptr;
 };
 
-TEST_F(OwnedStringTest, ReadsLikeAnyStringWithItsTerminatingNul) {
-  const Qel::String s = make("hello owner");
-  EXPECT_EQ(s, "hello owner");
-  EXPECT_EQ(s.size(), 11u);
-  EXPECT_EQ(s.data()[11], '\0');
-  EXPECT_EQ(Qel::String(s), Qel::String("hello owner"));
-}
-
 TEST_F(OwnedStringTest, StringOutlivesItsOwnerAndOwnerOutlivesItsStrings) {
   Qel::String copy = make("outlives");
   ownerGone();

@@ -48,13 +48,6 @@ TEST(TypeRegistryTest, DuplicateNameRaisesNameInUseAndKeepsTheFirstAndNullIsRang
   EXPECT_THROW(Qel::typeNodeIs(nullptr), Qel::RangeException);
 }
 
-TEST(TypeRegistryTest, DirReportsItsRegisteredType) {
-  const TypeNode* dirType = Qel::typeNode("Qel::Dir");
-  ASSERT_NE(dirType, nullptr);
-  EXPECT_EQ(dirType->kind(), Kind::entity);
-  EXPECT_EQ(Qel::dirFactory("d")->fwkType(), dirType);
-}
-
 class EnumTypeTest : public ::testing::Test {
  protected:
   EnumTypeTest() {

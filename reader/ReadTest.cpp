@@ -286,11 +286,12 @@ TEST_F(ReadTest, OnlyWriterDirectoriesDirectlyInAConfiguredDirectoryAreRead) {
 
 // ---- Malformed patterns fail at the first comparison, and only then.
 
-TEST_F(ReadTest, BadPatternThrowsAndLeavesTheStatusUntouched) {
+TEST_F(ReadTest, BadPatternThrowsCreatesNoReaderAndLeavesTheStatusUntouched) {
   status_->logEnq(KronlogReader::logEntryFactory("held", "held", 1.0, "held"));
   addEntry("agent", "group", 1.0, "m");
   config_->agentPatternIs("(");
   EXPECT_THROW(read(), std::regex_error);
+  EXPECT_EQ(Qel::liveObjects("KronlogReader::Reader"), 0u);
   EXPECT_EQ(statusMessages(), std::vector<std::string>{"held"});
   EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 1));
 }

@@ -76,25 +76,4 @@ TEST_F(TraceSiteTest, ExceptionWhileFormattingEmitsNothingAndLeavesSitesWorking)
   EXPECT_EQ(sink_.records, std::vector<Seen>{seen(0, "KronlogSaver", 61, "doSave", "after")});
 }
 
-// A disabled site formats nothing; an enabled one formats once.
-TEST_F(TraceSiteTest, SiteRunsOnlyAtAnEnabledLevel) {
-  const struct {
-    std::uint32_t mask;
-    unsigned level;
-    bool emitted;
-  } cases[] = {{1u << 1, 1, true}, {1u << 1, 0, false}, {1u << 1, 2, false},
-               {~0u, 31, true},    {~0u, 32, false},    {0, 0, false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE("mask " + std::to_string(c.mask) + " level " + std::to_string(c.level));
-    enable(c.mask);
-    sink_.records.clear();
-    int calls = 0;
-    KRONLOG_TRACE(c.level, "KronlogWriter", 70, "levels", << Counted{&calls} << ' ' << 42u);
-    EXPECT_EQ(calls, c.emitted ? 1 : 0);
-    std::vector<Seen> expected;
-    if (c.emitted) expected.push_back(seen(c.level, "KronlogWriter", 70, "levels", "counted 42"));
-    EXPECT_EQ(sink_.records, expected);
-  }
-}
-
 }  // namespace

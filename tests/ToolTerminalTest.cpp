@@ -91,13 +91,4 @@ TEST_F(ToolTerminalTest, PagerAndNoPagerChoices) {
   EXPECT_NE(s.find("event 98"), std::string::npos) << s;  // --no-pager: straight to the terminal
 }
 
-TEST_F(ToolTerminalTest, AClosedPipeEndsQuietly) {
-  std::vector<std::string> events(20000, KronlogTesting::storeEntry("1", "a", "g", "m"));
-  KronlogTesting::writeFile(dir_.pathIn("big"), KronlogTesting::storeOf(events));
-  start(std::string(KRONLOG_TOOL) +
-        " show --store big | head -n 1; echo \"status=${PIPESTATUS[0]}\"; echo END");
-  const std::string s = screenWith("END");
-  EXPECT_NE(s.find("1970-01-01T00:00:01.000000Z a g m\nstatus=0\nEND"), std::string::npos) << s;
-}
-
 }  // namespace

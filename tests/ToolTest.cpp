@@ -224,6 +224,18 @@ INSTANTIATE_TEST_SUITE_P(
                     "1970-01-01T00:00:02.000000Z a g m\n1970-01-01T00:00:02.000000Z a g m\n"}),
     [](const ::testing::TestParamInfo<BrokenStore>& p) { return p.param.name; });
 
+// A warning names its byte and leaves the store restorable.
+TEST_F(ToolTest, CheckListsWarningsWithTheirByteAndStillAccepts) {
+  writeFile("s", "FORMAT: JSON\nVERSION: 2\n{\"Kronlog\":[]}\n");
+  Result r = kronlog({"check", "--store", path("s")});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(
+      r.out.find("warning: byte 13: line 2 names version \"2\", not \"1\"; a restore reads it "
+                 "all the same\nok: restorable\n"),
+      std::string::npos)
+      << r.out;
+}
+
 // ---- the defects found in use
 
 TEST_F(ToolTest, CheckRefusesAStoreTheRestorerWouldNeverFinish) {

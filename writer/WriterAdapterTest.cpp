@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "kronlog/KronlogReader.h"
 #include "kronlog/KronlogWriter.h"
 #include "kronlog/KronlogWriterStreaming.h"
 #include "qel/Exception.h"
@@ -223,18 +222,6 @@ TEST_F(FollowerTest, EntriesPlusSlowLossesEqualEventsRecordedAcrossTheIndexWrap)
   EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
 }
 
-TEST_F(FollowerTest, SlowLossNamesTheIndicesNotReceived) {
-  Writer::Ptr w = followed(Config(2, keepLastEntries));
-  capacityIs(1);
-  for (int i = 0; i < 6; ++i) w->eventIs(std::to_string(i));
-  capacityIs(kRoomy);
-  settle();
-  // The first event went out at once; 1 to 3 were evicted before sending.
-  EXPECT_EQ(follower_.gaps, std::vector<std::string>{"1-3"});
-  EXPECT_EQ(follower_.slow, 3u);
-  EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 4, 5}));
-}
-
 // A whole-log transfer that waits for room with its bookmark on the tail,
 // which is deleted and its index taken by a new event meanwhile, resumes
 // with what the index holds now: the follower gets the new event, not the
@@ -256,25 +243,6 @@ TEST_F(FollowerTest, TransferSendsWhatTheBookmarkedIndexHoldsNow) {
   EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
 }
 
-TEST_F(FollowerTest, RefusedEventsAreOverflowLosses) {
-  Writer::Ptr w = followed(Config(3, keepFirstEntries));
-  unsigned n = record(w.ptr(), 100);
-  EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{0, 1, 2}));
-  EXPECT_EQ(follower_.overflow, n - 3);
-  EXPECT_EQ(follower_.slow, 0u);
-}
-
-TEST_F(FollowerTest, StartingOnAFilledCopyHandsOverWhatItHolds) {
-  Writer::Ptr w = dir_->writerIs("g", Config(3, keepLastEntries));
-  for (int i = 0; i < 5; ++i) w->eventIs(std::to_string(i));
-  settle();
-  follower_.writerIs(copyOf("g"));
-  w->eventIs("5");
-  settle();
-  EXPECT_EQ(follower_.indices, (std::vector<unsigned int>{2, 3, 4, 5}));
-  EXPECT_EQ(follower_.slow + follower_.overflow, 0u);
-}
-
 TEST_F(FollowerTest, FreshCopyOfTheSameWriterContinuesWithoutRepeats) {
   Writer::Ptr first = KronlogWriter::writerFactory("g", Config(8, keepLastEntries));
   for (int i = 0; i < 3; ++i) first->eventIs(std::to_string(i));
@@ -288,33 +256,6 @@ TEST_F(FollowerTest, FreshCopyOfTheSameWriterContinuesWithoutRepeats) {
   follower_.writerIs(third);
   EXPECT_EQ(follower_.gaps, std::vector<std::string>{"6-8"});
   EXPECT_EQ(follower_.indices.back(), 9u);
-}
-
-// ---- Reading a copy
-
-TEST_F(WriterAdapterTest, ReaderOverACopyReadsWhatItReadsOverTheSource) {
-  Writer::Ptr a = dir_->writerIs("a", Config(4, keepLastEntries));
-  Writer::Ptr b = dir_->writerIs("b", Config(4, keepLastEntries));
-  for (int i = 0; i < 6; ++i) (i % 2 ? a : b)->eventIs(std::to_string(i));
-  settle();
-  auto read = [](const Qel::Ptr<Qel::Entity>& dir) {
-    Qel::Dir::Ptr agents = Qel::dirFactory("agents");
-    agents->entityIs(dir);
-    KronlogReader::Config::Ptr c = KronlogReader::configFactory();
-    c->dirIs(agents);
-    KronlogReader::Status::Ptr s = KronlogReader::statusFactory();
-    KronlogReader::readerFactory(c, s);
-    std::string out;
-    for (const KronlogReader::Status::QelLog& m : s->logQueue()) {
-      out += m.value()->agentName().stdString() + "/" + m.value()->messageGroup().stdString() +
-             "/" + m.value()->message().stdString() + " ";
-    }
-    agents->entityDelAll();
-    return out;
-  };
-  std::string source = read(dir_);
-  EXPECT_EQ(read(copy()), source);
-  EXPECT_NE(source, "");
 }
 
 // ---- A read-only copy

@@ -2,7 +2,6 @@
 // configuration, removal, renaming from a backup, const iteration, lifetimes.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <tuple>
@@ -57,11 +56,6 @@ class WriterDirTest : public ::testing::Test {
 
   Strings heard() const { return heard_.heard; }
 
-  static Strings sorted(Strings s) {
-    std::sort(s.begin(), s.end());
-    return s;
-  }
-
   WriterDir::Ptr dir_;
   DirRecorder heard_;
 };
@@ -111,16 +105,6 @@ TEST_F(WriterDirTest, DelRemovesReturnsUnparentsAndNotifiesButAnAbsentNameIsSile
   EXPECT_EQ(heard(), (Strings{"w", "w"}));
 }
 
-TEST_F(WriterDirTest, DelAllOnThreeWritersNotifiesEachNameOnceAndEmpties) {
-  Writer::Ptr a = add("a"), b = add("b"), c = add("c");
-  dir_->writerDelAll();
-  const Strings h = heard();
-  ASSERT_EQ(h.size(), 6u);
-  EXPECT_EQ(sorted(Strings(h.begin() + 3, h.end())), (Strings{"a", "b", "c"}));
-  EXPECT_EQ(dir_->writers(), 0u);
-  EXPECT_TRUE(!a->parent() && !b->parent() && !c->parent());
-}
-
 TEST_F(WriterDirTest, DelByIteratorRemovesTheWriterUnderItAndNothingAtTheEnd) {
   add("a");
   add("b");
@@ -131,18 +115,6 @@ TEST_F(WriterDirTest, DelByIteratorRemovesTheWriterUnderItAndNothingAtTheEnd) {
   while (it) ++it;
   EXPECT_FALSE(dir_->writerDel(it));
   EXPECT_EQ(dir_->writers(), 1u);
-}
-
-// ---- Iteration over a const directory
-
-TEST_F(WriterDirTest, RangeForAndConstIteratorVisitEveryWriterOnce) {
-  for (const char* n : {"a", "b", "c"}) add(n);
-  const WriterDir& d = *dir_;
-  Strings ranged, iterated;
-  for (const Writer& w : d.writerMap()) ranged.push_back(w.name().stdString());
-  for (auto it = d.writerIterConst(); it; ++it) iterated.push_back(it->name().stdString());
-  EXPECT_EQ(sorted(ranged), (Strings{"a", "b", "c"}));
-  EXPECT_EQ(iterated, ranged);
 }
 
 // ---- nameIsFromBackup: the writer stays under its old key.

@@ -47,20 +47,6 @@ TEST_F(WriterStreamingTest, FieldsAreWrittenInOrderInNetworkByteOrder) {
                                  30));
 }
 
-TEST_F(WriterStreamingTest, ValuesRoundTripWithNulBytesExtremesAndDefaults) {
-  const LogEntry e(-1e300, Qel::String("a\0b\xff", 4));
-  out_ << e << Config(0xffffffffu, keepLastEntries) << LogMetadata(5, 9) << LogEntry() << Config()
-       << LogMetadata();
-  In in(out_->data(), out_->size());
-  EXPECT_EQ(LogEntry(&in), e);
-  EXPECT_EQ(Config(&in), Config(0xffffffffu, keepLastEntries));
-  EXPECT_EQ(LogMetadata(&in), LogMetadata(5, 9));
-  EXPECT_EQ(LogEntry(&in), LogEntry());
-  EXPECT_EQ(Config(&in), Config());
-  EXPECT_EQ(LogMetadata(&in), LogMetadata());
-  EXPECT_EQ(in.remaining(), 0u);
-}
-
 // ---- Error paths
 
 TEST_F(WriterStreamingTest, BadOrTruncatedFieldsAreRefusedAtTheirOffset) {

@@ -138,25 +138,21 @@ TEST(LogEntryTest, PrintsExactTextFormEscapingTheMessageAndAwkwardMessagesAndNaN
 
 // ---- Config and LogMetadata
 
-TEST(ConfigTextTest, DefaultIsLastTenPrintsExactTextAndParsesBackEqual) {
+// Each field counts in equality; the text form is exact, parses back equal
+// (also at the extremes) and stops after itself.
+TEST(ConfigTextTest, DefaultIsLastTenValuesCompareEveryFieldPrintExactlyAndParseBack) {
   EXPECT_EQ(Config(), Config(10, keepLastEntries));
   EXPECT_EQ(valueToStrep(Config()), kDefaultConfigText);
   EXPECT_EQ(streamed(Config()), kDefaultConfigText);
   std::string rest;
   EXPECT_EQ(parse<Config>(kDefaultConfigText + "})", &rest), Config());
-  EXPECT_EQ(rest, "})");  // the parser stops after the text form
-}
-
-TEST(ConfigTextTest, EqualityComparesBothFieldsAndExtremesRoundTrip) {
+  EXPECT_EQ(rest, "})");
   EXPECT_NE(Config(10, keepLastEntries), Config(10, keepFirstEntries));
   EXPECT_NE(Config(10, keepLastEntries), Config(5, keepLastEntries));
   EXPECT_FALSE(Config(5, keepFirstEntries) != Config(5, keepFirstEntries));
   for (const Config& c : {Config(0, keepFirstEntries), Config(4294967295u, keepLastEntries)}) {
     EXPECT_EQ(roundTrip(c), c) << c;
   }
-}
-
-TEST(ConfigTextTest, LogMetadataComparesBothFieldsAndPrintsExactText) {
   EXPECT_NE(LogMetadata(2, 5), LogMetadata(3, 5));
   EXPECT_NE(LogMetadata(2, 5), LogMetadata(2, 6));
   EXPECT_EQ(streamed(LogMetadata(2, 4294967295u)),
@@ -238,14 +234,7 @@ class WriterTypeRegistryTest : public ::testing::Test {
   }
 };
 
-TEST_F(WriterTypeRegistryTest, DefaultsAreTheLastTenConfigAndTheEmptyEntry) {
-  const auto box = type("KronlogWriter::Config").defaultValue();
-  EXPECT_EQ(unboxed<Config>(box), Config(10, keepLastEntries));
-  EXPECT_EQ(box->strep(), kDefaultConfigText);
-  EXPECT_EQ(unboxed<LogEntry>(type("KronlogWriter::LogEntry").defaultValue()), LogEntry());
-}
-
-TEST_F(WriterTypeRegistryTest, ValuesAreBuiltFromTextFormsWithTrailingBlanksButNoTrailingText) {
+TEST_F(WriterTypeRegistryTest, DefaultsAndValuesFromTextFormsWithTrailingBlanksButNoTrailingText) {
   EXPECT_EQ(configFrom("Value('KronlogWriter::Config', ** {'size': 3, 'overflowAction': "
                        "keepFirstEntries})"),
             Config(3, keepFirstEntries));
@@ -253,6 +242,8 @@ TEST_F(WriterTypeRegistryTest, ValuesAreBuiltFromTextFormsWithTrailingBlanksButN
       unboxed<LogEntry>(type("KronlogWriter::LogEntry").valueFromStrep(Qel::String(kEntryText))),
       LogEntry(1.5, "x"));
   EXPECT_EQ(configFrom(kDefaultConfigText + " \n"), Config());
+  EXPECT_EQ(type("KronlogWriter::Config").defaultValue()->strep(), kDefaultConfigText);
+  EXPECT_EQ(unboxed<LogEntry>(type("KronlogWriter::LogEntry").defaultValue()), LogEntry());
   try {
     configFrom(kDefaultConfigText + " x");
     FAIL() << "parsed without error";

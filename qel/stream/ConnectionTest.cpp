@@ -69,24 +69,6 @@ class ConnectionTest : public ::testing::Test {
   Board::Ptr copy_;
 };
 
-TEST_F(ConnectionTest, SnapshotMakesAReadOnlyCopyNamingItsPeer) {
-  EXPECT_TRUE(pair_.client->snapshotEnded());
-  expectCopyUnchanged();
-  EXPECT_EQ(copyOf("volts")->unit(), "V");
-  EXPECT_EQ(copy_->name(), "board");
-  EXPECT_TRUE(copy_->readOnly());
-  EXPECT_EQ(copyOf("amps")->readOnlyPeerName(), pair_.peer);
-  EXPECT_EQ(copyOf("amps")->parent(), copy_.ptr());
-}
-
-TEST_F(ConnectionTest, AttributeChangeReachesTheCopy) {
-  board_->gauge("volts")->valueIs(231);
-  board_->gauge("amps")->labelIs("load");
-  pair_.settle();
-  EXPECT_EQ(copyOf("volts")->value(), 231u);
-  EXPECT_EQ(copyOf("amps")->label(), "load");
-}
-
 TEST_F(ConnectionTest, RemovedMemberGoesWithItsAdapterAndReturnsAsANewEntity) {
   std::size_t adapters = pair_.client->adapters();
   Gauge::Ptr before = copyOf("amps");
@@ -101,12 +83,6 @@ TEST_F(ConnectionTest, RemovedMemberGoesWithItsAdapterAndReturnsAsANewEntity) {
   EXPECT_NE(copyOf("amps"), before.ptr());
   EXPECT_EQ(copyOf("amps")->unit(), "mA");
   EXPECT_EQ(copyOf("amps")->value(), 3000u);
-}
-
-TEST_F(ConnectionTest, HeartbeatIsAcceptedAndChangesNothing) {
-  inject(frameOf(RecordKind::heartbeat, 0, 0, ""));
-  EXPECT_TRUE(pair_.client->open());
-  expectCopyUnchanged();
 }
 
 TEST_F(ConnectionTest, BytesArrivingOneAtATimeApplyTheSame) {

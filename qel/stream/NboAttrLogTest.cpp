@@ -86,17 +86,6 @@ TEST_F(NboAttrLogTest, NanKeepsItsPayloadBits) {
   EXPECT_EQ(reader().u64(), 0x7ff8000000000123ull);
 }
 
-// Only partial socket writes consume part of the buffer; in-process pairs
-// rarely reach that path.
-TEST_F(NboAttrLogTest, ConsumeDropsFromTheFront) {
-  out_->u32(1);
-  out_->u32(2);
-  out_->consume(4);
-  EXPECT_EQ(bytes(), std::string("\x00\x00\x00\x02", 4));
-  out_->consume(4);
-  EXPECT_EQ(out_->size(), 0u);
-}
-
 // A few bytes left behind many sent move to the front; a frame that is
 // still open stays where it is until it is ended, with the right length.
 TEST_F(NboAttrLogTest, ConsumeMovesAShortRemainderToTheFrontButNeverAnOpenFrame) {
