@@ -23,16 +23,19 @@ constexpr std::size_t kPools = 8;
 constexpr std::size_t kPooledBlockMax = kPoolStep * kPools;
 
 TypeAllocator& blockPool(std::size_t blockBytes) noexcept {
-  static TypeAllocator* const* pools = [] {
+  // Built on first use in static storage and never destroyed: strings that
+  // other static objects hold are released while the process exits.
+  alignas(TypeAllocator) static unsigned char storage[kPools * sizeof(TypeAllocator)];
+  static TypeAllocator* const pools = [] {
     static const char* const names[kPools] = {
         "Qel::String[16]", "Qel::String[32]", "Qel::String[48]",  "Qel::String[64]",
         "Qel::String[80]", "Qel::String[96]", "Qel::String[112]", "Qel::String[128]"};
-    auto** made = new TypeAllocator*[kPools];  // lives until exit, as strings may
+    auto* made = reinterpret_cast<TypeAllocator*>(storage);
     for (std::size_t i = 0; i < kPools; ++i)
-      made[i] = new TypeAllocator(names[i], (i + 1) * kPoolStep);
+      new (made + i) TypeAllocator(names[i], (i + 1) * kPoolStep);
     return made;
   }();
-  return *pools[(blockBytes - 1) / kPoolStep];
+  return pools[(blockBytes - 1) / kPoolStep];
 }
 
 }  // namespace
