@@ -74,7 +74,7 @@ class FailureReport : public Qel::Mount::Notifiee {
     notifierIs(mount);
   }
   void onFailure(const Qel::String& reason) override {
-    if (reason.stdString() == last_) return;
+    if (reason.view() == last_) return;
     last_ = reason.stdString();
     std::fprintf(stderr, "kronlog follow: %s: connection dropped: %s; trying again\n",
                  escapeForTerminal(path_).c_str(), escapeForTerminal(last_).c_str());

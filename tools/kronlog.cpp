@@ -76,15 +76,19 @@ int main(int argc, char** argv) {
     if (command == "demo-agents") return KronlogTool::demoAgentsCommand(args);
     if (command == "demo-restore") return KronlogTool::demoRestoreCommand(args);
     if (command == "demo-live-agent") return KronlogTool::demoLiveAgentCommand(args);
-  } catch (const std::regex_error&) {
-    // A pattern with back-references met a name or message too long for
-    // the backtracking matcher (see KronlogReader::Pattern).
-    std::fprintf(stderr,
-                 "kronlog %s: a pattern with back-references cannot be matched against a name or "
-                 "message of more than %zu bytes\n",
-                 command.c_str(), KronlogReader::Pattern::kBacktrackingBytes);
-    return KronlogTool::kExitData;
   } catch (const std::exception& e) {
+    // Malformed patterns are refused with their own message before any
+    // matching; a regex error of complexity is a pattern with
+    // back-references meeting a name or message too long for the
+    // backtracking matcher (see KronlogReader::Pattern).
+    const auto* regex = dynamic_cast<const std::regex_error*>(&e);
+    if (regex && regex->code() == std::regex_constants::error_complexity) {
+      std::fprintf(stderr,
+                   "kronlog %s: a pattern with back-references cannot be matched against a name "
+                   "or message of more than %zu bytes\n",
+                   command.c_str(), KronlogReader::Pattern::kBacktrackingBytes);
+      return KronlogTool::kExitData;
+    }
     // Not expected: every input is validated first. Still one line, no trace.
     std::fprintf(stderr, "kronlog %s: internal error: %s\n", command.c_str(), e.what());
     return KronlogTool::kExitData;
