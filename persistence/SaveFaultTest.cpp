@@ -47,38 +47,35 @@ std::vector<Row> generation(int generation, int count) {
 
 // Runs `body` in a forked child and returns the texts of the level-0 traces
 // it left, one per line; the child's limits and identity end with it.
-class ForkedBody {
- public:
-  static std::vector<std::string> run(const std::function<void()>& body,
-                                      const std::function<std::vector<Seen>()>& traces) {
-    int fds[2];
-    if (::pipe(fds) != 0) return {"pipe: " + std::string(std::strerror(errno))};
-    const pid_t child = ::fork();
-    if (child == 0) {
-      ::close(fds[0]);
-      body();
-      std::string out;
-      for (const Seen& s : traces()) {
-        if (s.level == 0) out += s.text + "\n";
-      }
-      const bool written = ::write(fds[1], out.data(), out.size()) == ssize_t(out.size());
-      std::_Exit(written ? 0 : 1);
-    }
-    ::close(fds[1]);
-    std::string got;
-    char chunk[4096];
-    for (ssize_t n; (n = ::read(fds[0], chunk, sizeof chunk)) > 0;) got.append(chunk, size_t(n));
+std::vector<std::string> runForked(const std::function<void()>& body,
+                                   const std::function<std::vector<Seen>()>& traces) {
+  int fds[2];
+  if (::pipe(fds) != 0) return {"pipe: " + std::string(std::strerror(errno))};
+  const pid_t child = ::fork();
+  if (child == 0) {
     ::close(fds[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    std::vector<std::string> lines;
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) lines.push_back("child failed");
-    for (std::size_t at = 0, lf; (lf = got.find('\n', at)) != std::string::npos; at = lf + 1) {
-      lines.push_back(got.substr(at, lf - at));
+    body();
+    std::string out;
+    for (const Seen& s : traces()) {
+      if (s.level == 0) out += s.text + "\n";
     }
-    return lines;
+    const bool written = ::write(fds[1], out.data(), out.size()) == ssize_t(out.size());
+    std::_Exit(written ? 0 : 1);
   }
-};
+  ::close(fds[1]);
+  std::string got;
+  char chunk[4096];
+  for (ssize_t n; (n = ::read(fds[0], chunk, sizeof chunk)) > 0;) got.append(chunk, size_t(n));
+  ::close(fds[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  std::vector<std::string> lines;
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) lines.push_back("child failed");
+  for (std::size_t at = 0, lf; (lf = got.find('\n', at)) != std::string::npos; at = lf + 1) {
+    lines.push_back(got.substr(at, lf - at));
+  }
+  return lines;
+}
 
 // In a child: gives up the privileges that let root write into a read-only
 // directory, keeping write access to `dir` through its ownership.
@@ -101,7 +98,7 @@ class SaveFaultTest : public PersistenceTest {
     clearTraces();
   }
   std::vector<std::string> inChild(const std::function<void()>& body) {
-    return ForkedBody::run(body, [this] { return traces(); });
+    return runForked(body, [this] { return traces(); });
   }
   // The previous store is in place byte for byte, restores whole, and is
   // alone in its directory.

@@ -294,17 +294,13 @@ const Indexes kWrapped{kMax - 1, kMax, 0, 1};
 
 constexpr unsigned kNone = 77777;  // startAt found nothing
 
-class LinkQueueStartAtTest : public LinkQueueTest {
- protected:
-  unsigned startAt(unsigned index) {
-    Node* m = q.startAt(index);
-    return m ? m->index() : kNone;
-  }
-};
-
 // In plain order, then in circular order across the wrap; a missing member
 // is answered with the one after it, on either side of the wrap.
-TEST_F(LinkQueueStartAtTest, FindsFirstMemberAtOrAfterIndex) {
+TEST_F(LinkQueueTest, StartAtFindsFirstMemberAtOrAfterIndex) {
+  const auto startAt = [this](unsigned index) {
+    Node* m = q.startAt(index);
+    return m ? m->index() : kNone;
+  };
   EXPECT_EQ(startAt(0), kNone);
   build({2, 4, 6});
   for (auto [query, found] : {std::pair{0u, 2u}, {2u, 2u}, {3u, 4u}, {6u, 6u}, {7u, kNone}})

@@ -65,17 +65,6 @@ class TraceTest : public ::testing::Test {
   std::uint32_t savedOther_;
 };
 
-TEST_F(TraceTest, RecordCarriesClockTimeLevelFileLineFunctionAndText) {
-  Qel::utcNowFunctionIs(&fixedClock);
-  Qel::traceLevelsIs(kFacility, 1u << 2);
-  ASSERT_TRUE(site(2, 42));
-  ASSERT_EQ(sink_.records.size(), 1u);
-  const Captured& r = sink_.records[0];
-  EXPECT_EQ(r, (Captured{2, "Widget.cpp", 17, "frob", "value 42"}));
-  EXPECT_EQ(std::make_pair(r.time, r.facility),
-            std::make_pair(1700000000.25, std::string(kFacility)));
-}
-
 // A disabled site gets no helper and formats nothing; an enabled one formats
 // once, into one record that keeps NUL bytes.
 TEST_F(TraceTest, SiteFormatsOnlyWhenEnabledAndThenOnceIntoOneRecord) {

@@ -151,16 +151,6 @@ TEST_F(ReadTest, AgentAndGroupPatternsSelectWholeNamesOnly) {
   }
 }
 
-TEST_F(ReadTest, BothPatternsMustMatch) {
-  addEntry("bgp", "peer", 1.0, "bgp peer");
-  addEntry("bgp", "route", 2.0, "bgp route");
-  addEntry("ospf", "peer", 3.0, "ospf peer");
-  config_->agentPatternIs("bgp");
-  config_->messageGroupPatternIs("peer");
-  read();
-  EXPECT_EQ(statusMessages(), std::vector<std::string>{"bgp peer"});
-}
-
 // ---- The time window: both ends inclusive, NaN never inside.
 
 TEST_F(ReadTest, WindowKeepsAnEntryExactlyWhenInsideIt) {

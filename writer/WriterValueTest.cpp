@@ -96,18 +96,6 @@ TEST_F(OverflowActionTypeTest, UnknownNumberOrNameIsARangeErrorNamingIt) {
   EXPECT_EQ(KronlogWriter::stringValue(static_cast<OverflowActionType>(7)), "7");
 }
 
-TEST_F(OverflowActionTypeTest, SequenceToValueReadsTheNameAndStopsAfterItOrRefusesIt) {
-  const Qel::String text("keepFirstEntries})"), unknown("keepNoEntries})");
-  Qel::String::IteratorConst it = text.begin(), unknownIt = unknown.begin();
-  OverflowActionType value = keepLastEntries;
-  EXPECT_THROW(KronlogWriter::sequenceToValue(unknownIt, unknown.end(), &value),
-               Qel::RangeException);
-  EXPECT_EQ(value, keepLastEntries);
-  KronlogWriter::sequenceToValue(it, text.end(), &value);
-  EXPECT_EQ(value, keepFirstEntries);
-  EXPECT_EQ(std::string(it, text.end()), "})");
-}
-
 // ---- LogEntry
 
 TEST(LogEntryTest, EqualityComparesTimeAndEveryMessageByteAndNaNIsNeverEqual) {
