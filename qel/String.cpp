@@ -11,6 +11,8 @@
 
 namespace Qel {
 
+TypeAllocator* detail::stringPools = nullptr;
+
 namespace {
 
 // Short strings' blocks come from free lists, one per 16-byte step of
@@ -18,11 +20,11 @@ namespace {
 // strings at a high rate, and reusing a block costs a fraction of a trip
 // through malloc and free. Longer strings, rarer and costlier to keep
 // around, go to malloc.
-constexpr std::size_t kPoolStep = 16;
-constexpr std::size_t kPools = 8;
+constexpr std::size_t kPoolStep = detail::kStringPoolStep;
+constexpr std::size_t kPools = detail::kStringPools;
 constexpr std::size_t kPooledBlockMax = kPoolStep * kPools;
 
-TypeAllocator& blockPool(std::size_t blockBytes) noexcept {
+TypeAllocator* poolsBuilt() noexcept {
   // Built on first use in static storage and never destroyed: strings that
   // other static objects hold are released while the process exits.
   alignas(TypeAllocator) static unsigned char storage[kPools * sizeof(TypeAllocator)];
@@ -33,22 +35,24 @@ TypeAllocator& blockPool(std::size_t blockBytes) noexcept {
     auto* made = reinterpret_cast<TypeAllocator*>(storage);
     for (std::size_t i = 0; i < kPools; ++i)
       new (made + i) TypeAllocator(names[i], (i + 1) * kPoolStep);
+    detail::stringPools = made;
     return made;
   }();
-  return pools[(blockBytes - 1) / kPoolStep];
+  return pools;
 }
 
 }  // namespace
 
 String::String(const char* cstr) : String(cstr, cstr ? std::strlen(cstr) : 0) {}
 
-String::String(const char* data, std::size_t size) : rep_(nullptr) {
+void String::repMake(const char* data, std::size_t size) {
   if (size == 0) return;
   if (size > kSizeMask - kOverheadBytes) throwRangeException("string too long");
   // One block holds the header, the bytes and a terminating NUL.
   const std::size_t blockBytes = offsetof(Rep, chars) + size + 1;
-  void* block = blockBytes <= kPooledBlockMax ? blockPool(blockBytes).allocate(blockBytes)
-                                              : std::malloc(blockBytes);
+  void* block = blockBytes <= kPooledBlockMax
+                    ? poolsBuilt()[(blockBytes - 1) / kPoolStep].allocate(blockBytes)
+                    : std::malloc(blockBytes);
   if (!block) throw std::bad_alloc();
   rep_ = static_cast<Rep*>(block);
   new (&rep_->refs) std::atomic<std::uint32_t>(1);
@@ -57,27 +61,7 @@ String::String(const char* data, std::size_t size) : rep_(nullptr) {
   rep_->chars[size] = '\0';
 }
 
-// Self-assignment finds the same representation and changes nothing.
-// NOLINTNEXTLINE(bugprone-unhandled-self-assignment,cert-oop54-cpp)
-String& String::operator=(const String& o) noexcept {
-  if (rep_ != o.rep_) {
-    o.newRef();
-    deleteRef();
-    rep_ = o.rep_;
-  }
-  return *this;
-}
-
-String& String::operator=(String&& o) noexcept {
-  if (this != &o) {
-    deleteRef();
-    rep_ = o.rep_;
-    o.rep_ = nullptr;
-  }
-  return *this;
-}
-
-void String::release(Rep* rep) noexcept {
+void String::releaseLarge(Rep* rep) noexcept {
   if (rep->size & kOwnedFlag) {
     // The owner is gone too (it held a reference): free the whole block,
     // which starts the recorded distance before the rep.
@@ -86,12 +70,7 @@ void String::release(Rep* rep) noexcept {
     std::free(reinterpret_cast<char*>(rep) - distance);
     return;
   }
-  const std::size_t blockBytes = offsetof(Rep, chars) + rep->size + 1;
-  if (blockBytes <= kPooledBlockMax) {
-    blockPool(blockBytes).deallocate(rep, blockBytes);
-  } else {
-    std::free(rep);
-  }
+  std::free(rep);
 }
 
 namespace {

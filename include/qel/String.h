@@ -7,13 +7,40 @@
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
+#include <new>
 #include <string>
 #include <string_view>
 
+#include "qel/Allocator.h"
 #include "qel/Export.h"
 #include "qel/Ptr.h"
 
 namespace Qel {
+
+namespace detail {
+// The free lists of short strings' blocks, one per 16-byte step of block
+// size (see String). Null until the first string is made, which builds
+// them; read inline by String's constructor, so that making a short string
+// is a pop from a list and a copy, without a call.
+constexpr std::size_t kStringPoolStep = 16;
+constexpr std::size_t kStringPools = 8;
+QEL_EXPORT extern TypeAllocator* stringPools;
+
+// Copies n bytes; up to 16 of them as two overlapping words, inline (a
+// received record's strings are mostly that short, and the call to memcpy
+// costs more than the copy).
+inline void bytesCopy(char* to, const char* from, std::size_t n) noexcept {
+  if (n >= 8 && n <= 16) {
+    std::uint64_t head, tail;
+    std::memcpy(&head, from, 8);
+    std::memcpy(&tail, from + n - 8, 8);
+    std::memcpy(to, &head, 8);
+    std::memcpy(to + n - 8, &tail, 8);
+  } else if (n != 0) {  // `from` may be null then
+    std::memcpy(to, from, n);
+  }
+}
+}  // namespace detail
 
 // An immutable sequence of bytes; NUL bytes may appear anywhere inside.
 // Copies share one heap block and cost a reference-count update; the empty
@@ -29,14 +56,47 @@ class QEL_EXPORT String {
 
   String() noexcept : rep_(nullptr) {}
   String(const char* cstr);  // NOLINT: implicit from literals on purpose
-  String(const char* data, std::size_t size);
+  // Throws RangeException for a size beyond 2^31 - 10 bytes, and
+  // std::bad_alloc.
+  String(const char* data, std::size_t size) : rep_(nullptr) {
+    if (size == 0) return;  // the empty string owns no block
+    const std::size_t blockBytes = offsetof(Rep, chars) + size + 1;
+    TypeAllocator* pools = detail::stringPools;
+    if (blockBytes > detail::kStringPoolStep * detail::kStringPools || !pools) {
+      repMake(data, size);
+      return;
+    }
+    void* block = pools[(blockBytes - 1) / detail::kStringPoolStep].allocate(blockBytes);
+    rep_ = static_cast<Rep*>(block);
+    new (&rep_->refs) std::atomic<std::uint32_t>(1);
+    rep_->size = static_cast<std::uint32_t>(size);
+    detail::bytesCopy(rep_->chars, data, size);
+    rep_->chars[size] = '\0';
+  }
   String(const std::string& s) : String(s.data(), s.size()) {}  // NOLINT
   explicit String(std::string_view s) : String(s.data(), s.size()) {}
   String(const String& o) noexcept : rep_(o.rep_) { newRef(); }
   String(String&& o) noexcept : rep_(o.rep_) { o.rep_ = nullptr; }
   ~String() { deleteRef(); }
-  String& operator=(const String& o) noexcept;
-  String& operator=(String&& o) noexcept;
+  // Inline: a setter's assignment is on the path of every change. Self-
+  // assignment finds the same block and changes nothing.
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment,cert-oop54-cpp)
+  String& operator=(const String& o) noexcept {
+    if (rep_ != o.rep_) {
+      o.newRef();
+      deleteRef();
+      rep_ = o.rep_;
+    }
+    return *this;
+  }
+  String& operator=(String&& o) noexcept {
+    if (this != &o) {
+      deleteRef();
+      rep_ = o.rep_;
+      o.rep_ = nullptr;
+    }
+    return *this;
+  }
 
   std::size_t size() const noexcept { return rep_ ? rep_->size & kSizeMask : 0; }
   bool empty() const noexcept { return size() == 0; }
@@ -120,7 +180,21 @@ class QEL_EXPORT String {
     rep_ = nullptr;
   }
   static bool threadSafe() noexcept { return VFPtrInterface::enableThreadSafePointers; }
-  static void release(Rep* rep) noexcept;
+  // The constructor's general case: any size, from a pool or malloc.
+  void repMake(const char* data, std::size_t size);
+  // Gives the block back: a pooled one inline (its list is known from the
+  // size), anything else through releaseLarge. An owner's block has
+  // kOwnedFlag in its size, which puts it past every pool.
+  static void release(Rep* rep) noexcept {
+    const std::size_t blockBytes = offsetof(Rep, chars) + std::size_t{rep->size} + 1;
+    if (blockBytes <= detail::kStringPoolStep * detail::kStringPools) {
+      // The pools exist: the block came from one.
+      detail::stringPools[(blockBytes - 1) / detail::kStringPoolStep].deallocate(rep, blockBytes);
+    } else {
+      releaseLarge(rep);
+    }
+  }
+  static void releaseLarge(Rep* rep) noexcept;
   Rep* rep_;
 };
 

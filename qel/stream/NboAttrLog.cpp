@@ -107,19 +107,10 @@ bool In::boolean() {
   return b == 1;
 }
 
-String In::string() {
-  std::uint64_t at = offset();
-  if (remaining() < 4) truncated(4, "string length");
-  std::uint32_t length = u32();
-  if (length > remaining()) {
-    std::size_t left = remaining();
-    pos_ -= 4;
-    throw FormatException(at, String("string length " + std::to_string(length) + " exceeds the " +
-                                     std::to_string(left) + " bytes left in the frame"));
-  }
-  String s(data_ + pos_, length);
-  pos_ += length;
-  return s;
+void In::stringTooLong(std::uint32_t length) const {
+  throw FormatException(offset(),
+                        String("string length " + std::to_string(length) + " exceeds the " +
+                               std::to_string(remaining() - 4) + " bytes left in the frame"));
 }
 
 std::uint32_t In::count(std::size_t minItemBytes) {

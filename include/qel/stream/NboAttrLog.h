@@ -90,8 +90,9 @@ class QEL_EXPORT Out : public PtrInterface {
     // Checked here, not only at frameEnd, so that a 32-bit length field
     // can never be truncated silently.
     if (size > kMaxFrameBytes) bytesTooLarge(size);
-    u32(static_cast<std::uint32_t>(size));
-    if (size > 0) std::memcpy(grow(size), data, size);
+    char* p = grow(sizeof(std::uint32_t) + size);
+    putAt(p, static_cast<std::uint32_t>(size));
+    detail::bytesCopy(p + sizeof(std::uint32_t), data, size);
   }
 
   // Starts a frame: writes a header with a zero length. Frames do not nest.
@@ -165,7 +166,10 @@ class QEL_EXPORT Out : public PtrInterface {
   // Big-endian by shifts: no alignment or host byte order assumed.
   template <class T>
   void put(T v) {
-    char* p = grow(sizeof(T));
+    putAt(grow(sizeof(T)), v);
+  }
+  template <class T>
+  static void putAt(char* p, T v) {
     for (std::size_t i = 0; i < sizeof(T); ++i) {
       p[i] = static_cast<char>(static_cast<unsigned char>(v >> (8 * (sizeof(T) - 1 - i))));
     }
@@ -195,8 +199,18 @@ class QEL_EXPORT In {
   // A byte other than 0 or 1 is a FormatException.
   bool boolean();
   // A length larger than what remains is a FormatException: the allocation
-  // is bounded by the input, never by what a length field claims.
-  String string();
+  // is bounded by the input, never by what a length field claims. Inline:
+  // most received records carry a string.
+  String string() {
+    const std::uint32_t length = get<std::uint32_t>("string length");
+    if (length > remaining()) {
+      pos_ -= 4;  // consumes nothing, as promised
+      stringTooLong(length);
+    }
+    const char* p = data_ + pos_;
+    pos_ += length;
+    return String(p, length);
+  }
   // A count of items of at least `minItemBytes` each; more than the
   // remaining bytes could hold is a FormatException.
   std::uint32_t count(std::size_t minItemBytes);
@@ -223,6 +237,8 @@ class QEL_EXPORT In {
     return v;
   }
   [[noreturn]] void truncated(std::size_t n, const char* what) const;
+  // Reports the string length field just before the read position.
+  [[noreturn]] void stringTooLong(std::uint32_t length) const;
   [[noreturn]] void trailing() const;
   const char* data_;
   std::size_t size_;
