@@ -56,8 +56,13 @@ class QEL_EXPORT Entity : public PtrInterface {
   // scope's lifetime (scopes nest).
   class FlowInScope {
    public:
-    explicit FlowInScope(Entity* entity) noexcept : entity_(entity) { ++entity_->flowInDepth_; }
-    ~FlowInScope() { --entity_->flowInDepth_; }
+    // A null entity (an adapter without one) makes an empty scope.
+    explicit FlowInScope(Entity* entity) noexcept : entity_(entity) {
+      if (entity_) ++entity_->flowInDepth_;
+    }
+    ~FlowInScope() {
+      if (entity_) --entity_->flowInDepth_;
+    }
     FlowInScope(const FlowInScope&) = delete;
     FlowInScope& operator=(const FlowInScope&) = delete;
 

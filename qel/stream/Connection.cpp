@@ -88,6 +88,11 @@ void Connection::close(const String& reason) {
   // reach back into the connection; detach them all first.
   std::vector<StreamAdapter::Ptr> adapters = adapters_.takeAll();
   for (auto& a : adapters) adapterRelease(a.ptr());
+  // A record being applied holds its adapter by a plain pointer, so while
+  // a parse is under way the adapters live on until it ends.
+  if (parsing_) {
+    for (auto& a : adapters) retired_.push_back(std::move(a));
+  }
   adapters.clear();
   if (self) notifiees_.visitAs<Notifiee>(this, [](Notifiee* n) { n->onClose(); });
 }
@@ -110,7 +115,12 @@ void Connection::recordEndSlow() {
     return;
   }
   if (out_->size() >= kEagerFlushBytes) flush();
-  interestUpdate();
+  // Asks for writability when bytes wait, but does not give it up when an
+  // eager flush emptied the buffer: a busy sender refills it at once, and
+  // dropping and re-adding the interest would be two system calls per
+  // flush. If the buffer is still empty when the socket reports writable,
+  // onReady drops the interest then.
+  if (out_->size() > 0) interestUpdate();
 }
 
 void Connection::flush() {
@@ -205,6 +215,7 @@ void Connection::adapterDel(EntityId id) {
   StreamAdapter::Ptr a = adapters_.erase(id);
   if (!a) return;
   adapterRelease(a.ptr());
+  if (parsing_) retired_.push_back(a);  // see close()
   if (fd_ >= 0) {
     out_->frameBegin(static_cast<std::uint8_t>(RecordKind::entityDel), 0, id);
     out_->frameEnd();
@@ -348,7 +359,14 @@ void Connection::parse() {
     ++recordsIn_;
     In in(payload, h.payloadBytes(), at + NboAttrLog::kHeaderBytes);
     try {
-      dispatch(h, in, at);
+      // Nearly every record updates an entity the copy already has; the
+      // rest (connection-level records, creations, and any record out of
+      // place) go through dispatch, which checks everything.
+      if (h.kind == RecordKind::attrUpdate && role_ == Role::mounting && handshook_) {
+        entityRecordApply(h, in, at);
+      } else {
+        dispatch(h, in, at);
+      }
     } catch (const FormatException& e) {
       fail(e.offset(), e.reason());
       break;
@@ -359,6 +377,7 @@ void Connection::parse() {
   }
   if (!outer) return;
   parsing_ = false;
+  retired_.clear();
   inBase_ += inHead_;
   if (inHead_ < inSize_) std::memmove(in_.get(), in_.get() + inHead_, inSize_ - inHead_);
   inSize_ -= inHead_;
@@ -421,9 +440,15 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
     default:
       break;
   }
-  StreamAdapter* found = adapters_.find(h.entity);
-  if (!found) entityUnknown(h, in);
-  StreamAdapter::Ptr a(found);
+  entityRecordApply(h, in, frameAt);
+}
+
+void Connection::entityRecordApply(const FrameHeader& h, In& in, std::uint64_t frameAt) {
+  // A plain pointer: a nested round cannot delete the adapter (a record for
+  // an active entity is refused below), and close() keeps it until the
+  // parse ends.
+  StreamAdapter* a = adapters_.find(h.entity);
+  if (!a) entityUnknown(h, in);
   if (a->active_) throw InternalException("entity reactor is already active");
   Entity* e = a->entity();
   // A copy converted to writable belongs to its user now: the peer's
@@ -439,7 +464,7 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
       a->active_ = false;
       a->flowInAttr_ = 0;
     }
-  } active(a.ptr(), h.attr);
+  } active(a, h.attr);
   Entity::FlowInScope scope(e);
   switch (h.kind) {
     case RecordKind::attrUpdate:
@@ -447,6 +472,14 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
       a->handleAttrDeserialization(h.kind, h.attr, in);
       in.endExpect();
       return;
+    default:
+      entityRecordRare(a, h, in, frameAt);
+  }
+}
+
+void Connection::entityRecordRare(StreamAdapter* a, const FrameHeader& h, In& in,
+                                  std::uint64_t frameAt) {
+  switch (h.kind) {
     case RecordKind::transactionOpen:
     case RecordKind::transactionClose: {
       in.endExpect();
@@ -472,14 +505,16 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
       a->handleTransaction(h.attr, opening);
       return;
     }
-    case RecordKind::entityDel:
+    case RecordKind::entityDel: {
       in.endExpect();
       transactions_.erase(transactions_.lower_bound(std::make_pair(h.entity, AttributeId{0})),
                           transactions_.upper_bound(std::make_pair(h.entity, AttributeId{0xffff})));
-      adapters_.erase(h.entity);  // `a` holds it until the end
-      adapterRelease(a.ptr());
+      // Kept until the parse ends: the caller still marks it inactive.
+      retired_.push_back(adapters_.erase(h.entity));
+      adapterRelease(a);
       a->handleEntityDel();
       return;
+    }
     default:
       throw FormatException(frameAt + 4, String("unexpected " + kindText(h.kind).stdString()));
   }

@@ -91,6 +91,22 @@ TEST_F(ConnectionTest, BytesArrivingOneAtATimeApplyTheSame) {
   EXPECT_EQ(copyOf("volts")->value(), 99u);
 }
 
+TEST_F(ConnectionTest, CloseFromANotificationLeavesTheRestOfTheReadUnapplied) {
+  // The adapter applying the record is released by the close while its
+  // record is still being applied: it must outlive the parse.
+  struct Closer : Gauge::Notifiee {
+    Qel::Connection* connection = nullptr;
+    void onValue() override { connection->close("seen enough"); }
+  } closer;
+  closer.connection = pair_.client.ptr();
+  closer.notifierIs(copyOf("volts"));
+  EntityId volts = idOf("volts");
+  inject(frameOf(RecordKind::attrUpdate, 261, volts, u32Bytes(1)) +
+         frameOf(RecordKind::attrUpdate, 261, volts, u32Bytes(2)));
+  EXPECT_EQ(pair_.client->reason(), "seen enough");
+  EXPECT_EQ(copyOf("volts")->value(), 1u);
+}
+
 TEST_F(ConnectionTest, DeletedEntityTakesItsOpenTransactionsAlong) {
   inject(frameOf(RecordKind::transactionOpen, 258, 1, ""));
   inject(frameOf(RecordKind::entityDel, 0, 1, ""));

@@ -33,19 +33,13 @@ const char* recordKindName(RecordKind kind) {
   return "unknown";
 }
 
-namespace {
-// Big-endian fields of a header whose bytes the caller has checked are there.
-std::uint32_t be32(const unsigned char* p) {
-  return static_cast<std::uint32_t>(p[0]) << 24 | static_cast<std::uint32_t>(p[1]) << 16 |
-         static_cast<std::uint32_t>(p[2]) << 8 | p[3];
-}
-}  // namespace
-
 // Read straight from the bytes rather than through an In: every record
 // passes here, and the header's fields are fixed. Each field is checked as
 // soon as its bytes are in, so that a hostile length or kind is refused
 // before the receiver waits (and buffers) for the rest.
-std::size_t frameAt(const char* data, std::size_t size, std::uint64_t base, FrameHeader* header) {
+std::size_t frameAtSlow(const char* data, std::size_t size, std::uint64_t base,
+                        FrameHeader* header) {
+  using detail::be32;
   const auto* p = reinterpret_cast<const unsigned char*>(data);
   if (size < kLengthBytes) return 0;
   const std::uint32_t length = be32(p);

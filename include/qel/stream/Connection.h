@@ -25,6 +25,7 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "qel/Export.h"
 #include "qel/Notifiee.h"
@@ -165,6 +166,12 @@ class QEL_EXPORT Connection : public PtrInterface {
   void parse();
   void dispatch(const NboAttrLog::FrameHeader& h, NboAttrLog::In& in, std::uint64_t frameAt);
   void applyCreate(const NboAttrLog::FrameHeader& h, NboAttrLog::In& in);
+  // A record for an existing entity: attrUpdate and memberDel here, the
+  // rarer kinds in entityRecordRare.
+  void entityRecordApply(const NboAttrLog::FrameHeader& h, NboAttrLog::In& in,
+                         std::uint64_t frameAt);
+  void entityRecordRare(StreamAdapter* a, const NboAttrLog::FrameHeader& h, NboAttrLog::In& in,
+                        std::uint64_t frameAt);
   [[noreturn]] void entityUnknown(const NboAttrLog::FrameHeader& h, const NboAttrLog::In& in) const;
   void flush();
   void pump();
@@ -202,6 +209,8 @@ class QEL_EXPORT Connection : public PtrInterface {
 
   EntityId nextId_ = NboAttrLog::kRootEntity;
   AdapterTable adapters_;
+  // Adapters released while a parse was under way, freed when it ends.
+  std::vector<StreamAdapter::Ptr> retired_;
   // Invariant: each adapter is queued at most once (its queued_ flag), so
   // the queue never holds more entries than there are adapters.
   std::deque<StreamAdapter::Ptr> flowOut_;

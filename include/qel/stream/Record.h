@@ -55,6 +55,14 @@ struct FrameHeader {
   std::size_t payloadBytes() const noexcept { return frameBytes() - kHeaderBytes; }
 };
 
+namespace detail {
+// A big-endian field of a header whose bytes the caller has checked are there.
+inline std::uint32_t be32(const unsigned char* p) noexcept {
+  return static_cast<std::uint32_t>(p[0]) << 24 | static_cast<std::uint32_t>(p[1]) << 16 |
+         static_cast<std::uint32_t>(p[2]) << 8 | p[3];
+}
+}  // namespace detail
+
 // Looks for one frame at the start of [data, data + size). Returns 0 when
 // the bytes end before the frame does, otherwise the frame's size, with
 // `header` filled in; the payload follows the header. Throws
@@ -62,8 +70,33 @@ struct FrameHeader {
 // present show a bad frame: a length beyond kMaxFrameBytes or below the
 // header, an unknown kind, nonzero flags. So a receiver never buffers more
 // than one frame cap for any input.
-QEL_EXPORT std::size_t frameAt(const char* data, std::size_t size, std::uint64_t base,
-                               FrameHeader* header);
+//
+// Every received record passes here, so the common case (a whole frame
+// with a good header) is decided inline; frameAtSlow takes the rest and
+// says which field is at fault.
+QEL_EXPORT std::size_t frameAtSlow(const char* data, std::size_t size, std::uint64_t base,
+                                   FrameHeader* header);
+
+inline std::size_t frameAt(const char* data, std::size_t size, std::uint64_t base,
+                           FrameHeader* header) {
+  const auto* p = reinterpret_cast<const unsigned char*>(data);
+  if (size >= kHeaderBytes) {
+    const std::uint32_t length = detail::be32(p);
+    const std::uint8_t kind = p[4];
+    if (length >= kHeaderBytes - kLengthBytes && length <= kMaxFrameBytes - kLengthBytes &&
+        length <= size - kLengthBytes && kind >= kFirstRecordKind && kind <= kLastRecordKind &&
+        p[5] == 0) {
+      static_assert(kHeaderBytes == 12,
+                    "length, kind, flags, attribute (16 bits), entity (32 bits)");
+      header->length = length;
+      header->kind = static_cast<RecordKind>(kind);
+      header->attr = static_cast<AttributeId>(p[6] << 8 | p[7]);
+      header->entity = detail::be32(p + 8);
+      return kLengthBytes + length;
+    }
+  }
+  return frameAtSlow(data, size, base, header);
+}
 
 struct Handshake {
   std::uint16_t version = 0;
