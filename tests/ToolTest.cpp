@@ -30,16 +30,10 @@ struct Result {
 
 // How a run is wired, beyond its arguments.
 struct RunWith {
-  RunWith(std::vector<std::string> e = {}, std::string in = "", std::string out = "",
-          bool closed = false)
-      : env(std::move(e)),
-        stdinPath(std::move(in)),
-        stdoutPath(std::move(out)),
-        closedPipe(closed) {}
   std::vector<std::string> env;  // NAME=value set in the tool's environment
   std::string stdinPath;         // standard input from this file (else /dev/null)
   std::string stdoutPath;        // standard output to this file (else captured)
-  bool closedPipe;               // standard output into a pipe nobody reads
+  bool closedPipe = false;       // standard output into a pipe nobody reads
 };
 
 // Waits for `pid`, killing it after a minute: a tool that hangs (on a FIFO
