@@ -1,11 +1,10 @@
 // Faults injected under the store file: a save that fails part-way (a
-// file-size limit, a full file system, a directory that turns read-only, a
-// process killed at a random moment) keeps the previous store whole and
-// readable and says why in a trace; a restore whose file is removed or
-// replaced while it runs reads one whole file or nothing.
+// file-size limit, a directory that turns read-only, a process killed at a
+// random moment) keeps the previous store whole and readable and says why
+// in a trace; a restore whose file is removed or replaced while it runs
+// reads one whole file or nothing.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -259,51 +258,6 @@ TEST_F(KilledSaveTest, EveryKillLeavesOneWholeGenerationAndTheNextSaveWorks) {
   store(nextRows_);
   EXPECT_EQ(restore(), nextRows_);
   EXPECT_EQ(directoryEntries(dir()).size(), 1u + interrupted);
-}
-
-// ---- A full file system (a 64 KiB tmpfs mounted for the test)
-
-class FullFileSystemTest : public SaveFaultTest {
- protected:
-  void SetUp() override {
-    SaveFaultTest::SetUp();
-    mountPoint_ = pathIn("small");
-    fs::create_directory(mountPoint_);
-    if (::mount("kronlog-test", mountPoint_.c_str(), "tmpfs", 0, "size=64k,mode=0755") != 0) {
-      GTEST_SKIP() << "cannot mount a tmpfs here (" << std::strerror(errno)
-                   << "); this needs root with CAP_SYS_ADMIN";
-    }
-    mounted_ = true;
-    storePathIs(mountPoint_ + "/store");
-  }
-  void TearDown() override {
-    if (mounted_) ::umount2(mountPoint_.c_str(), MNT_DETACH);
-    SaveFaultTest::TearDown();
-  }
-  std::string smallStore() const { return mountPoint_ + "/store"; }
-  // The text of the last level-0 trace of the store driver.
-  std::string lastStoreTrace() const {
-    std::string last = "no trace";
-    for (const Seen& s : traces()) {
-      if (s.level == 0 && s.file == "KronlogStore") last = s.text;
-    }
-    return last;
-  }
-
-  std::string mountPoint_;
-  bool mounted_ = false;
-};
-
-// The new store is written beside the old one, so both must fit at once.
-TEST_F(FullFileSystemTest, ANewStoreNeedsRoomBesideThePreviousOne) {
-  store(generation(2, 380));  // about 57 KB; the next store is about 42 KB
-  const std::string before = readFile(smallStore());
-  store(generation(3, 280));
-  EXPECT_EQ(lastStoreTrace(), notWritten("No space left on device", smallStore()));
-  EXPECT_EQ(readFile(smallStore()), before);
-  fs::remove(smallStore());
-  store(generation(3, 280));
-  EXPECT_EQ(restore(), generation(3, 280)) << "alone, the new store fits";
 }
 
 // ---- A restore whose file goes away or is replaced meanwhile

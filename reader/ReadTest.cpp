@@ -286,21 +286,6 @@ TEST_F(ReadTest, BadPatternThrowsCreatesNoReaderAndLeavesTheStatusUntouched) {
   EXPECT_EQ(status_->logMetadata(), Status::LogMetadata(0, 1));
 }
 
-// A name far longer than the backtracking matcher's stack allows (a store
-// or a peer can hand over any length) is matched by the automaton; a
-// pattern with back-references, which has none, is refused for it as a bad
-// pattern is, and the status stays as it was.
-TEST_F(ReadTest, LongNamesAreMatchedWithoutExhaustingTheStack) {
-  const std::string agent(300000, 'a');
-  addEntry(agent, "group", 1.0, "m");
-  config_->agentPatternIs("a*");
-  read();
-  EXPECT_EQ(statusMessages(), std::vector<std::string>{"m"});
-  config_->agentPatternIs("(a)\\1*");
-  EXPECT_THROW(read(), std::regex_error);
-  EXPECT_EQ(statusMessages(), std::vector<std::string>{"m"});
-}
-
 // A bad pattern fails only when there is a name to compare with it.
 TEST_F(ReadTest, BadPatternsSucceedWithNothingToCompare) {
   agentIn(dir_, "agent");  // matched, but without writers

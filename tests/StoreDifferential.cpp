@@ -20,7 +20,6 @@
 // Prints the counts and the number of disagreements; the first disagreeing
 // input is written to FILE (default store-differential-first.store). Exits
 // 1 when there is any disagreement.
-#include <dirent.h>
 #include <fcntl.h>
 #include <locale.h>
 #include <poll.h>
@@ -34,8 +33,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -191,19 +192,9 @@ bool restoredInPlace(const Holding& h) {
 
 enum class Outcome { inPlace, notInPlace, ended, hung };
 
-const char* outcomeName(Outcome o) {
-  switch (o) {
-    case Outcome::inPlace:
-      return "restored every event once";
-    case Outcome::notInPlace:
-      return "finished, not every event in place";
-    case Outcome::ended:
-      return "the process ended";
-    case Outcome::hung:
-      return "did not finish";
-  }
-  return "?";
-}
+const char* const kOutcomeNames[] = {"restored every event once",
+                                     "finished, not every event in place", "the process ended",
+                                     "did not finish"};
 
 Outcome restoreInChild(const Holding& h, int timeoutMs) {
   int fds[2];
@@ -276,6 +267,13 @@ class Generator {
   const T& pick(const T (&items)[N]) {
     return items[below(N)];
   }
+  // One of the blank-separated words of `list`.
+  std::string word(const char* list) {
+    std::istringstream in(list);
+    std::vector<std::string> words;
+    for (std::string w; in >> w;) words.push_back(w);
+    return words[below(words.size())];
+  }
 
   static std::string jsonString(const std::string& text) {
     Json::Buffer buffer;
@@ -298,38 +296,18 @@ class Generator {
     if (chance(0.3)) t += std::to_string(below(1000));
     return t;
   }
-  std::string agent() {
-    static const char* const kAgents[] = {"Bgp", "Ospf", "A", "", "Agent-\xC3\xBC"};
-    return pick(kAgents);
-  }
-  std::string group() {
-    static const char* const kGroups[] = {"peer", "adj", "g", "", "x y"};
-    return pick(kGroups);
-  }
   double timestamp() {
     static const double kTimes[] = {0.0,    -0.0,     1.0,     1700000000.5,
                                     1e-300, 4.9e-324, 1.7e308, -12.25};
     if (chance(0.5)) return pick(kTimes);
     return std::uniform_real_distribution<double>(0, 2e9)(rng_);
   }
-
   // A value of another JSON type than the member's.
   std::string otherValue() {
-    static const char* const kValues[] = {"null",
-                                          "true",
-                                          "false",
-                                          "[]",
-                                          "{}",
-                                          "\"1\"",
-                                          "1",
-                                          "-0",
-                                          "1e400",
-                                          "[\"x\"]",
-                                          "{\"message\":\"m\"}",
-                                          "123456789012345678901234567890"};
-    return pick(kValues);
+    return word(
+        "null true false [] {} \"1\" 1 -0 1e400 [\"x\"] {\"message\":\"m\"} "
+        "123456789012345678901234567890");
   }
-
   std::string nested(std::size_t depth) {
     std::string open, close;
     for (std::size_t i = 0; i < depth; ++i) {
@@ -340,26 +318,18 @@ class Generator {
     return open + "0" + close;
   }
 
-  static constexpr const char* kNumbers[] = {"17e8",
-                                             "1E2",
-                                             "-0",
-                                             "-0.0e-0",
-                                             "1e-400",
-                                             "0.1e-320",
-                                             "1700000000",
-                                             "18446744073709551616",
-                                             "9007199254740993",
-                                             "2.2250738585072011e-308",
-                                             "1.7976931348623157e308",
-                                             "1e309",
-                                             "01",
-                                             "1."};
+  // An event as the saver writes it.
+  Members savedEvent() {
+    static const char* const kAgents[] = {"Bgp", "Ospf", "A", "", "Agent-\xC3\xBC"};
+    static const char* const kGroups[] = {"peer", "adj", "g", "", "x y"};
+    return {{"timestamp", jsonDouble(timestamp())},
+            {"agentName", jsonString(pick(kAgents))},
+            {"messageGroup", jsonString(pick(kGroups))},
+            {"message", jsonString(text())}};
+  }
 
   Members event() {
-    Members m = {{"timestamp", jsonDouble(timestamp())},
-                 {"agentName", jsonString(agent())},
-                 {"messageGroup", jsonString(group())},
-                 {"message", jsonString(text())}};
+    Members m = savedEvent();
     if (chance(0.85)) return m;
     static const std::string kKeys[] = {"timestamp",
                                         "agentName",
@@ -371,6 +341,8 @@ class Generator {
                                         "",
                                         std::string("message\0", 8),
                                         std::string("agent\0Name", 10)};
+    const auto anywhere = [&] { return m.begin() + static_cast<long>(below(m.size() + 1)); };
+    auto& any = m[below(m.size())];
     switch (below(10)) {
       case 0:
         std::shuffle(m.begin(), m.end(), rng_);
@@ -379,31 +351,30 @@ class Generator {
         m.erase(m.begin() + static_cast<long>(below(m.size())));
         break;
       case 2:  // an extra member, anywhere
-        m.insert(m.begin() + static_cast<long>(below(m.size() + 1)),
-                 {pick(kKeys), chance(0.5) ? otherValue() : jsonString(text())});
+        m.insert(anywhere(), {pick(kKeys), chance(0.5) ? otherValue() : jsonString(text())});
         break;
       case 3: {  // a member repeated, with its value or another
-        const auto copy = m[below(m.size())];
-        m.insert(m.begin() + static_cast<long>(below(m.size() + 1)),
-                 chance(0.5) ? copy : std::make_pair(copy.first, jsonString(text())));
+        const auto copy = any;
+        m.insert(anywhere(), chance(0.5) ? copy : std::make_pair(copy.first, jsonString(text())));
         break;
       }
       case 4:
-        m[below(m.size())].first = pick(kKeys);
+        any.first = pick(kKeys);
         break;
       case 5:
-        m[below(m.size())].second = otherValue();
+        any.second = otherValue();
         break;
-      case 6: {  // a value nested in a container
-        auto& v = m[below(m.size())].second;
-        v = chance(0.5) ? "[" + v + "]" : "{\"v\":" + v + "}";
+      case 6:  // a value nested in a container
+        any.second = chance(0.5) ? "[" + any.second + "]" : "{\"v\":" + any.second + "}";
         break;
-      }
       case 7:  // a text holding a NUL
         m[1 + below(3)].second = jsonString(std::string("be\0fore", 7));
         break;
       case 8:  // a timestamp written otherwise than the saver writes it
-        m[0].second = pick(kNumbers);
+        m[0].second = word(
+            "17e8 1E2 -0 -0.0e-0 1e-400 0.1e-320 1700000000 18446744073709551616 "
+            "9007199254740993 2.2250738585072011e-308 1.7976931348623157e308 "
+            "1e309 01 1.");
         break;
       default:
         m.push_back({"extra", nested(1 + below(4))});
@@ -421,73 +392,39 @@ class Generator {
   }
 
   std::string store() {
-    const std::size_t count = below(12);
     std::string elements;
-    for (std::size_t i = 0; i < count; ++i) {
-      std::string e;
-      if (chance(0.01)) {
-        e = otherValue();  // an element that is not an object
-      } else {
-        e = object(event());
-      }
-      elements += (i ? "," : "") + e;
+    for (std::size_t i = 0, count = below(12); i < count; ++i) {
+      // Now and then an element that is not an object.
+      elements += (i ? "," : "") + (chance(0.01) ? otherValue() : object(event()));
     }
-    std::string root = "{\"Kronlog\":[" + elements + "]}";
+    const std::string array = "[" + elements + "]";
+    std::string root = "{\"Kronlog\":" + array + "}";
     if (chance(0.1)) {
-      switch (below(8)) {
-        case 0:
-          root = "{\"before\":" + nested(1 + below(3)) + ",\"Kronlog\":[" + elements + "]}";
-          break;
-        case 1:
-          root = "{\"Kronlog\":[" + elements + "],\"Kronlog\":[" + elements + "]}";
-          break;
-        case 2:
-          root = "{\"Kronlog\":" + otherValue() + ",\"Kronlog\":[" + elements + "]}";
-          break;
-        case 3:
-          root = "{\"kronlog\":[" + elements + "]}";
-          break;
-        case 4:
-          root = "[" + root + "]";
-          break;
-        case 5:  // nesting around the reader's depth limit
-          root = "{\"deep\":" + nested(996 + below(8)) + ",\"Kronlog\":[" + elements + "]}";
-          break;
-        case 6:
-          root = "{\"Kronlog\":{\"x\":[" + elements + "]}}";
-          break;
-        default:
-          root += " \t";
-          break;
-      }
+      const std::string roots[] = {
+          "{\"before\":" + nested(1 + below(3)) + ",\"Kronlog\":" + array + "}",
+          "{\"Kronlog\":" + array + ",\"Kronlog\":" + array + "}",
+          "{\"Kronlog\":" + otherValue() + ",\"Kronlog\":" + array + "}",
+          "{\"kronlog\":" + array + "}", "[" + root + "]",
+          // nesting around the reader's depth limit
+          "{\"deep\":" + nested(996 + below(8)) + ",\"Kronlog\":" + array + "}",
+          "{\"Kronlog\":{\"x\":" + array + "}}", root + " \t"};
+      root = pick(roots);
     }
-    std::string line1 = "FORMAT: JSON", line2 = "VERSION: 1", end = "\n";
+    std::string head = "FORMAT: JSON\nVERSION: 1\n", end = "\n";
     if (chance(0.05)) {
-      switch (below(7)) {
-        case 0:
-          line2 = "VERSION: 2";
-          break;
-        case 1:
-          line1 += "\r", line2 += "\r";
-          break;
-        case 2:
-          line1 = "\xEF\xBB\xBF" + line1;
-          break;
-        case 3:
-          line1 = "FORMAT:JSON";
-          break;
-        case 4:
-          line1 = "format: JSON";
-          break;
-        case 5:
-          end = std::string("\0trailing", 9);
-          break;
-        default:
-          root.clear();
-          break;
+      const std::string heads[] = {"FORMAT: JSON\nVERSION: 2\n", "FORMAT: JSON\r\nVERSION: 1\r\n",
+                                   "\xEF\xBB\xBF" + head, "FORMAT:JSON\nVERSION: 1\n",
+                                   "format: JSON\nVERSION: 1\n"};
+      const std::size_t k = below(7);
+      if (k < 5) {
+        head = heads[k];
+      } else if (k == 5) {
+        end = std::string("\0trailing", 9);
+      } else {
+        root.clear();
       }
     }
-    return line1 + "\n" + line2 + "\n" + root + end;
+    return head + root + end;
   }
 
   // 253 to 257 entries, one of them perhaps from an event with a repeated
@@ -497,10 +434,7 @@ class Generator {
     const std::size_t twice = chance(0.5) ? below(count) : count;
     std::string elements;
     for (std::size_t i = 0; i < count; ++i) {
-      Members m = {{"timestamp", jsonDouble(timestamp())},
-                   {"agentName", jsonString(agent())},
-                   {"messageGroup", jsonString(group())},
-                   {"message", jsonString(text())}};
+      Members m = savedEvent();
       if (i == twice) m.push_back(m[3]);
       elements += (i ? "," : "") + object(m);
     }
@@ -508,30 +442,9 @@ class Generator {
   }
 
   void mutateBytes(std::string& s, std::size_t times) {
-    static const char* const kTokens[] = {"{",
-                                          "}",
-                                          "[",
-                                          "]",
-                                          ",",
-                                          ":",
-                                          "\"",
-                                          "\\",
-                                          "\\u0000",
-                                          "\n",
-                                          " ",
-                                          "\r",
-                                          "0",
-                                          "-",
-                                          "e",
-                                          "1e999",
-                                          "null",
-                                          "\"timestamp\"",
-                                          "\"agentName\"",
-                                          "\"message\"",
-                                          "\"messageGroup\"",
-                                          "\"Kronlog\"",
-                                          "\xC3",
-                                          "\x80"};
+    // JSON's structural bytes, blanks, number parts and a UTF-8 lead and
+    // continuation byte.
+    static const char kBytes[] = "{}[],:\"\\\n \r0-e\xC3\x80";
     for (std::size_t n = 0; n < times; ++n) {
       const std::size_t at = below(s.size() + 1);
       switch (below(9)) {
@@ -542,7 +455,9 @@ class Generator {
           if (at < s.size()) s[at] = static_cast<char>(s[at] ^ (1 << below(8)));
           break;
         case 2:
-          s.insert(at, pick(kTokens));
+          s.insert(at, chance(0.5) ? std::string(1, kBytes[below(sizeof kBytes - 1)])
+                                   : word("\\u0000 1e999 null \"timestamp\" \"agentName\" "
+                                          "\"message\" \"messageGroup\" \"Kronlog\""));
           break;
         case 3:
           s.erase(at, 1 + below(8));
@@ -561,11 +476,8 @@ class Generator {
         case 6:  // a range repeated
           s.insert(at, s.substr(at, 1 + below(40)));
           break;
-        case 7:
-          s.insert(at, 1, '\n');
-          break;
-        default:
-          s.insert(at, 1, '\0');
+        default:  // a line break or a NUL
+          s.insert(at, 1, chance(0.5) ? '\n' : '\0');
           break;
       }
     }
@@ -577,19 +489,15 @@ class Generator {
 
 std::vector<std::string> readCorpus(const std::string& dir) {
   std::vector<std::string> files;
-  DIR* d = ::opendir(dir.c_str());
-  if (!d) {
+  std::error_code error;
+  for (const auto& e : std::filesystem::directory_iterator(dir, error)) {
+    std::ifstream in(e.path(), std::ios::binary);
+    files.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  if (error) {
     std::cerr << "store_differential: cannot open corpus " << dir << "\n";
     std::exit(2);
   }
-  while (const dirent* e = ::readdir(d)) {
-    if (e->d_name[0] == '.') continue;
-    std::ifstream in(dir + "/" + e->d_name, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    files.push_back(bytes.str());
-  }
-  ::closedir(d);
   return files;
 }
 
@@ -653,8 +561,8 @@ int main(int argc, char** argv) {
                 << (reading.complete() ? "complete" : "incomplete") << " ("
                 << (reading.problems.empty() ? std::string("no problem")
                                              : reading.problems.front().text)
-                << "), the restore " << outcomeName(outcome) << "; written to " << firstPath
-                << "\n";
+                << "), the restore " << kOutcomeNames[static_cast<int>(outcome)] << "; written to "
+                << firstPath << "\n";
     }
   }
   ::unlink(storePath);

@@ -49,30 +49,6 @@ class WriterAdapterTest : public ::testing::Test {
   std::unique_ptr<StreamTesting::StreamPair> pair_;
 };
 
-TEST_F(WriterAdapterTest, SnapshotCopiesWritersEntriesAndCounters) {
-  Writer::Ptr w = dir_->writerIs("g", Config(3, keepLastEntries));
-  for (const char* m : {"a", "b", "c", "d", "e"}) w->eventIs(m);
-  dir_->writerIs("empty", Config(0, keepFirstEntries))->eventIs("x");
-  settle();
-  EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
-  EXPECT_EQ(copyOf("g")->logMetadata(), LogMetadata(2, 5));
-  EXPECT_EQ(copyOf("empty")->overflowCount(), 1u);
-}
-
-TEST_F(WriterAdapterTest, DeletionsMissedWhileStalledAreCaughtUpByTheTransfer) {
-  Writer::Ptr w = dir_->writerIs("g", Config(8, keepLastEntries));
-  for (int i = 0; i < 6; ++i) w->eventIs(std::to_string(i));
-  settle();
-  capacityIs(0);  // nothing may go out at once
-  w->logDel(2);
-  w->logDel(5);  // the newest: the next index falls back to 5
-  w->eventIs("again");
-  capacityIs(kRoomy);
-  settle();
-  EXPECT_EQ(stateOf(copy()), stateOf(dir_.ptr()));
-  EXPECT_EQ(copyOf("g")->logMetadata(), LogMetadata(0, 6));
-}
-
 // JSONTestSuite's parsing cases, valid and broken JSON alike (invalid
 // UTF-8, NUL bytes, lone surrogates, deep nesting), carried as messages:
 // each arrives in the copy byte for byte, through live records and through
