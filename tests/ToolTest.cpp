@@ -31,8 +31,8 @@ struct Result {
 // How a run is wired, beyond its arguments.
 struct RunWith {
   std::vector<std::string> env;  // NAME=value set in the tool's environment
-  std::string stdinPath;         // standard input from this file (else /dev/null)
-  std::string stdoutPath;        // standard output to this file (else captured)
+  std::string stdinPath = {};    // standard input from this file (else /dev/null)
+  std::string stdoutPath = {};   // standard output to this file (else captured)
   bool closedPipe = false;       // standard output into a pipe nobody reads
 };
 
