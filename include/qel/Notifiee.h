@@ -54,18 +54,26 @@ class QEL_EXPORT NotifieeListBase {
     Visit visit(this);
     // Members that join during the visit are appended behind `end`; the
     // vector may move meanwhile, so each member is read by index.
-    const std::size_t end = members_.size();
-    for (std::size_t i = 0; i < end; ++i) {
-      if (NotifieeBase* n = members_[i]) f(static_cast<N*>(n));
+    const std::size_t end = slots_;
+    if (NotifieeBase* n = first_) f(static_cast<N*>(n));
+    for (std::size_t i = 1; i < end; ++i) {
+      if (NotifieeBase* n = more_[i - 1]) f(static_cast<N*>(n));
     }
   }
 
  private:
-  // Invariant: outside a visit, members_ holds no null slots and
-  // size_ == members_.size(); during one, removed members leave null slots
-  // that the outermost visit compacts when it ends.
-  std::vector<NotifieeBase*> members_;
+  // The members in registration order: slot 0 is first_, held in the list
+  // itself (most notifiers have one notifiee, and its delivery then reads
+  // no other memory); slots 1 and up are more_.
+  //
+  // Invariant: outside a visit, no slot is null and size_ == slots_ ==
+  // (first_ ? 1 + more_.size() : 0); during one, removed members leave
+  // null slots that the outermost visit compacts when it ends.
+  NotifieeBase* first_ = nullptr;
+  std::vector<NotifieeBase*> more_;
+  std::size_t slots_ = 0;
   std::size_t size_ = 0;
+  NotifieeBase*& slot(std::size_t i) noexcept { return i == 0 ? first_ : more_[i - 1]; }
 
   // One level of visiting; the outermost level compacts the holes that
   // members leaving during the visit left behind, however it ends.
