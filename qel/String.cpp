@@ -11,7 +11,7 @@
 
 namespace Qel {
 
-TypeAllocator* detail::stringPools = nullptr;
+std::atomic<TypeAllocator*> detail::stringPools{nullptr};
 
 namespace {
 
@@ -35,7 +35,7 @@ TypeAllocator* poolsBuilt() noexcept {
     auto* made = reinterpret_cast<TypeAllocator*>(storage);
     for (std::size_t i = 0; i < kPools; ++i)
       new (made + i) TypeAllocator(names[i], (i + 1) * kPoolStep);
-    detail::stringPools = made;
+    detail::stringPools.store(made, std::memory_order_release);
     return made;
   }();
   return pools;

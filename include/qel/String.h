@@ -22,9 +22,13 @@ namespace detail {
 // size (see String). Null until the first string is made, which builds
 // them; read inline by String's constructor, so that making a short string
 // is a pop from a list and a copy, without a call.
+//
+// Published with a release store once every list is built, and read with
+// acquire loads, so that a thread that sees the array sees it built (an
+// acquire load is a plain load on x86).
 constexpr std::size_t kStringPoolStep = 16;
 constexpr std::size_t kStringPools = 8;
-QEL_EXPORT extern TypeAllocator* stringPools;
+QEL_EXPORT extern std::atomic<TypeAllocator*> stringPools;
 
 // Copies n bytes; up to 16 of them as two overlapping words, inline (a
 // received record's strings are mostly that short, and the call to memcpy
@@ -61,7 +65,7 @@ class QEL_EXPORT String {
   String(const char* data, std::size_t size) : rep_(nullptr) {
     if (size == 0) return;  // the empty string owns no block
     const std::size_t blockBytes = offsetof(Rep, chars) + size + 1;
-    TypeAllocator* pools = detail::stringPools;
+    TypeAllocator* pools = detail::stringPools.load(std::memory_order_acquire);
     if (blockBytes > detail::kStringPoolStep * detail::kStringPools || !pools) {
       repMake(data, size);
       return;
@@ -191,7 +195,8 @@ class QEL_EXPORT String {
     const std::size_t blockBytes = offsetof(Rep, chars) + std::size_t{rep->size} + 1;
     if (blockBytes <= detail::kStringPoolStep * detail::kStringPools) {
       // The pools exist: the block came from one.
-      detail::stringPools[(blockBytes - 1) / detail::kStringPoolStep].deallocate(rep, blockBytes);
+      TypeAllocator* pools = detail::stringPools.load(std::memory_order_acquire);
+      pools[(blockBytes - 1) / detail::kStringPoolStep].deallocate(rep, blockBytes);
     } else {
       releaseLarge(rep);
     }
