@@ -79,7 +79,6 @@ void Connection::close(const String& reason) {
   loop_->fdDel(fd_);
   ::close(fd_);
   fd_ = -1;
-  serving_ = false;
   if (timer_) loop_->timerDel(timer_);
   timer_ = 0;
   out_->clear();
@@ -443,7 +442,6 @@ void Connection::dispatch(const FrameHeader& h, In& in, std::uint64_t frameAt) {
     advertisedName_ = hs.peerName;
     peerIncarnation_ = hs.incarnation;
     handshook_ = true;
-    serving_ = role_ == Role::serving;
     QEL_STREAM_TRACE(1, kFile, 330, "dispatch",
                      << "handshake peer: " << peerName_ << " name: " << advertisedName_);
     if (role_ == Role::serving) snapshotPending_ = true;

@@ -88,7 +88,9 @@ class QEL_EXPORT Connection : public PtrInterface {
   void sendBufferCapacityIs(std::size_t bytes) noexcept { capacity_ = bytes; }
   std::size_t sendBufferBytes() const noexcept { return out_->size(); }
   // Serving, open, handshake done, and the send buffer below capacity.
-  bool mayTransmit() const noexcept { return serving_ && out_->size() < capacity_; }
+  bool mayTransmit() const noexcept {
+    return role_ == Role::serving && fd_ >= 0 && handshook_ && out_->size() < capacity_;
+  }
   std::size_t flowOutQueued() const noexcept { return flowOut_.size(); }
   // Serving: everything the peer is owed (the snapshot and every change
   // since) has been handed to the socket; nothing is buffered or dirty.
@@ -187,9 +189,6 @@ class QEL_EXPORT Connection : public PtrInterface {
   String reason_;
   bool failed_ = false;
   bool handshook_ = false;
-  // Serving, open and handshake done, in one flag: mayTransmit() is asked
-  // at least once per sent record.
-  bool serving_ = false;
   bool snapshotEnded_ = false;
   bool snapshotPending_ = false;  // serving: end-of-snapshot not sent yet
   bool parsing_ = false;          // a received frame is being applied
