@@ -65,12 +65,7 @@ std::size_t frameAtSlow(const char* data, std::size_t size, std::uint64_t base,
   if (size < kLengthBytes + length) return 0;
   // Invariant: length covers the whole header (checked above), so its
   // last bytes are in too.
-  static_assert(kHeaderBytes == 12, "length, kind, flags, attribute (16 bits), entity (32 bits)");
-  header->length = length;
-  header->kind = static_cast<RecordKind>(kind);
-  header->attr = static_cast<AttributeId>(p[6] << 8 | p[7]);
-  header->entity = be32(p + 8);
-  return kLengthBytes + length;
+  return detail::headerRead(p, length, header);
 }
 
 void handshakeWrite(Out& out, std::uint64_t incarnation, const String& peerName) {

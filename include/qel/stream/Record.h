@@ -61,6 +61,18 @@ inline std::uint32_t be32(const unsigned char* p) noexcept {
   return static_cast<std::uint32_t>(p[0]) << 24 | static_cast<std::uint32_t>(p[1]) << 16 |
          static_cast<std::uint32_t>(p[2]) << 8 | p[3];
 }
+
+// Fills `header` from the checked header bytes of a whole frame of
+// `length` (the length field's value); returns the frame's size.
+inline std::size_t headerRead(const unsigned char* p, std::uint32_t length,
+                              FrameHeader* header) noexcept {
+  static_assert(kHeaderBytes == 12, "length, kind, flags, attribute (16 bits), entity (32 bits)");
+  header->length = length;
+  header->kind = static_cast<RecordKind>(p[4]);
+  header->attr = static_cast<AttributeId>(p[6] << 8 | p[7]);
+  header->entity = be32(p + 8);
+  return kLengthBytes + length;
+}
 }  // namespace detail
 
 // Looks for one frame at the start of [data, data + size). Returns 0 when
@@ -86,13 +98,7 @@ inline std::size_t frameAt(const char* data, std::size_t size, std::uint64_t bas
     if (length >= kHeaderBytes - kLengthBytes && length <= kMaxFrameBytes - kLengthBytes &&
         length <= size - kLengthBytes && kind >= kFirstRecordKind && kind <= kLastRecordKind &&
         p[5] == 0) {
-      static_assert(kHeaderBytes == 12,
-                    "length, kind, flags, attribute (16 bits), entity (32 bits)");
-      header->length = length;
-      header->kind = static_cast<RecordKind>(kind);
-      header->attr = static_cast<AttributeId>(p[6] << 8 | p[7]);
-      header->entity = detail::be32(p + 8);
-      return kLengthBytes + length;
+      return detail::headerRead(p, length, header);
     }
   }
   return frameAtSlow(data, size, base, header);
