@@ -54,11 +54,7 @@ void String::repMake(const char* data, std::size_t size) {
                     ? poolsBuilt()[(blockBytes - 1) / kPoolStep].allocate(blockBytes)
                     : std::malloc(blockBytes);
   if (!block) throw std::bad_alloc();
-  rep_ = static_cast<Rep*>(block);
-  new (&rep_->refs) std::atomic<std::uint32_t>(1);
-  rep_->size = static_cast<std::uint32_t>(size);
-  std::memcpy(rep_->chars, data, size);
-  rep_->chars[size] = '\0';
+  rep_ = repAt(block, data, size);
 }
 
 void String::releaseLarge(Rep* rep) noexcept {

@@ -70,12 +70,8 @@ class QEL_EXPORT String {
       repMake(data, size);
       return;
     }
-    void* block = pools[(blockBytes - 1) / detail::kStringPoolStep].allocate(blockBytes);
-    rep_ = static_cast<Rep*>(block);
-    new (&rep_->refs) std::atomic<std::uint32_t>(1);
-    rep_->size = static_cast<std::uint32_t>(size);
-    detail::bytesCopy(rep_->chars, data, size);
-    rep_->chars[size] = '\0';
+    rep_ =
+        repAt(pools[(blockBytes - 1) / detail::kStringPoolStep].allocate(blockBytes), data, size);
   }
   String(const std::string& s) : String(s.data(), s.size()) {}  // NOLINT
   explicit String(std::string_view s) : String(s.data(), s.size()) {}
@@ -188,6 +184,16 @@ class QEL_EXPORT String {
   static bool threadSafe() noexcept { return VFPtrInterface::enableThreadSafePointers; }
   // The constructor's general case: any size, from a pool or malloc.
   void repMake(const char* data, std::size_t size);
+  // Builds a rep holding `data` (one reference) in `block`, which has room
+  // for the header, the bytes and a NUL.
+  static Rep* repAt(void* block, const char* data, std::size_t size) noexcept {
+    Rep* rep = static_cast<Rep*>(block);
+    new (&rep->refs) std::atomic<std::uint32_t>(1);
+    rep->size = static_cast<std::uint32_t>(size);
+    detail::bytesCopy(rep->chars, data, size);
+    rep->chars[size] = '\0';
+    return rep;
+  }
   // Gives the block back: a pooled one inline (its list is known from the
   // size), anything else through releaseLarge. An owner's block has
   // kOwnedFlag in its size, which puts it past every pool.
